@@ -1,0 +1,38 @@
+// Encryption, decryption and the operations this provider does not offer.
+// Not built yet: each entry answers NTE_NOT_SUPPORTED until its operation lands.
+#include "ksp/ksp.h"
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEncrypt(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, PBYTE, DWORD, VOID *, PBYTE, DWORD, DWORD *, DWORD)
+{
+    return NTE_NOT_SUPPORTED;
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPDecrypt(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, PBYTE, DWORD, VOID *, PBYTE, DWORD, DWORD *, DWORD)
+{
+    return NTE_NOT_SUPPORTED;
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPPromptUser(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, LPCWSTR, DWORD)
+{
+    return NTE_NOT_SUPPORTED;
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPNotifyChangeKey(NCRYPT_PROV_HANDLE, HANDLE *, DWORD)
+{
+    return NTE_NOT_SUPPORTED;
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSecretAgreement(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, NCRYPT_KEY_HANDLE, NCRYPT_SECRET_HANDLE *, DWORD)
+{
+    return NTE_NOT_SUPPORTED;
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPDeriveKey(NCRYPT_PROV_HANDLE, NCRYPT_SECRET_HANDLE, LPCWSTR, NCryptBufferDesc *, PBYTE, DWORD, DWORD *, ULONG)
+{
+    return NTE_NOT_SUPPORTED;
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFreeSecret(NCRYPT_PROV_HANDLE, NCRYPT_SECRET_HANDLE)
+{
+    return NTE_NOT_SUPPORTED;
+}
