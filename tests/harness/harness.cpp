@@ -1,0 +1,318 @@
+#include "tests/harness/harness.h"
+
+#include <winhttp.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace kestal_test {
+
+namespace {
+
+struct InternetClose {
+    void operator()(HINTERNET h) const { WinHttpCloseHandle(h); }
+};
+using Internet = std::unique_ptr<void, InternetClose>;
+
+constexpr wchar_t kSettingsKey[] = L"Software\\Kestal\\KestalKeyVaultKSP";
+
+std::wstring QueryRawHeaders(HINTERNET request)
+{
+    DWORD size = 0;
+    WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, nullptr, &size,
+                        WINHTTP_NO_HEADER_INDEX);
+    std::wstring text(size / sizeof(wchar_t), L'\0');
+    if (!WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, text.data(), &size,
+                             WINHTTP_NO_HEADER_INDEX))
+        return L"";
+    text.resize(size / sizeof(wchar_t));
+    return text;
+}
+
+std::string ReadBody(HINTERNET request)
+{
+    std::string body;
+    for (;;) {
+        DWORD available = 0;
+        if (!WinHttpQueryDataAvailable(request, &available) || available == 0)
+            return body;
+        std::string chunk(available, '\0');
+        DWORD read = 0;
+        if (!WinHttpReadData(request, chunk.data(), available, &read) || read == 0)
+            return body;
+        body.append(chunk.data(), read);
+    }
+}
+
+HKEY OpenSettings(HKEY hive)
+{
+    HKEY key = nullptr;
+    if (RegCreateKeyExW(hive, kSettingsKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr) != ERROR_SUCCESS)
+        throw std::runtime_error("cannot open the settings key");
+    return key;
+}
+
+FakeTime *g_fakeTime = nullptr;
+void FakeSleep(DWORD ms)
+{
+    g_fakeTime->waits.push_back(ms);
+    g_fakeTime->pendingMs += ms;
+    g_fakeTime->now += g_fakeTime->pendingMs / 1000;
+    g_fakeTime->pendingMs %= 1000;
+}
+__time64_t FakeNow() { return g_fakeTime->now; }
+
+} // namespace
+
+Json ParseJson(const std::string &text) { return Json(json_tokener_parse(text.c_str())); }
+
+std::string JsonString(json_object *obj, const char *member)
+{
+    json_object *value = nullptr;
+    if (!obj || !json_object_object_get_ex(obj, member, &value) || !json_object_is_type(value, json_type_string))
+        return "";
+    return json_object_get_string(value);
+}
+
+std::wstring Widen(std::string_view text)
+{
+    std::wstring out(text.size(), L'\0');
+    int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                static_cast<int>(out.size()));
+    out.resize(n > 0 ? n : 0);
+    return out;
+}
+
+std::string Narrow(std::wstring_view text)
+{
+    int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    std::string out(n > 0 ? n : 0, '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
+    return out;
+}
+
+std::wstring EnvVar(const wchar_t *name)
+{
+    wchar_t buffer[4096];
+    DWORD n = GetEnvironmentVariableW(name, buffer, ARRAYSIZE(buffer));
+    return n && n < ARRAYSIZE(buffer) ? std::wstring(buffer, n) : std::wstring();
+}
+
+std::wstring ExeDir()
+{
+    wchar_t path[MAX_PATH];
+    DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
+    std::wstring dir(path, n);
+    return dir.substr(0, dir.find_last_of(L"\\/"));
+}
+
+std::wstring HttpResult::Header(std::wstring_view name) const
+{
+    size_t start = 0;
+    while (start < rawHeaders.size()) {
+        size_t end = rawHeaders.find(L"\r\n", start);
+        if (end == std::wstring::npos)
+            end = rawHeaders.size();
+        std::wstring_view line(rawHeaders.data() + start, end - start);
+        size_t colon = line.find(L':');
+        if (colon == name.size() && _wcsnicmp(line.data(), name.data(), name.size()) == 0) {
+            std::wstring_view value = line.substr(colon + 1);
+            while (!value.empty() && value.front() == L' ')
+                value.remove_prefix(1);
+            return std::wstring(value);
+        }
+        start = end + 2;
+    }
+    return L"";
+}
+
+HttpResult HttpSend(const HttpRequestSpec &spec)
+{
+    HttpResult result;
+    URL_COMPONENTS parts{};
+    parts.dwStructSize = sizeof(parts);
+    parts.dwHostNameLength = parts.dwUrlPathLength = parts.dwExtraInfoLength = static_cast<DWORD>(-1);
+    if (!WinHttpCrackUrl(spec.url.c_str(), 0, 0, &parts)) {
+        result.error = GetLastError();
+        return result;
+    }
+    std::wstring host(parts.lpszHostName, parts.dwHostNameLength);
+    std::wstring path(parts.lpszUrlPath, parts.dwUrlPathLength + parts.dwExtraInfoLength);
+
+    Internet session(WinHttpOpen(L"Kestal test harness", WINHTTP_ACCESS_TYPE_NO_PROXY, WINHTTP_NO_PROXY_NAME,
+                                 WINHTTP_NO_PROXY_BYPASS, 0));
+    if (!session) {
+        result.error = GetLastError();
+        return result;
+    }
+    WinHttpSetTimeouts(session.get(), 5000, 5000, 15000, 15000);
+    Internet connection(WinHttpConnect(session.get(), host.c_str(), parts.nPort, 0));
+    DWORD flags = parts.nScheme == INTERNET_SCHEME_HTTPS ? WINHTTP_FLAG_SECURE : 0;
+    Internet request(connection ? WinHttpOpenRequest(connection.get(), spec.method.c_str(), path.c_str(), nullptr,
+                                                     WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES, flags)
+                                : nullptr);
+    if (!request) {
+        result.error = GetLastError();
+        return result;
+    }
+    std::wstring headers;
+    for (const auto &h : spec.headers)
+        headers += h + L"\r\n";
+    void *body = spec.body.empty() ? WINHTTP_NO_REQUEST_DATA : const_cast<char *>(spec.body.data());
+    DWORD length = static_cast<DWORD>(spec.body.size());
+    if (!WinHttpSendRequest(request.get(), headers.empty() ? WINHTTP_NO_ADDITIONAL_HEADERS : headers.c_str(),
+                            static_cast<DWORD>(-1L), body, length, length, 0) ||
+        !WinHttpReceiveResponse(request.get(), nullptr)) {
+        result.error = GetLastError();
+        return result;
+    }
+    DWORD size = sizeof(result.status);
+    WinHttpQueryHeaders(request.get(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, WINHTTP_HEADER_NAME_BY_INDEX,
+                        &result.status, &size, WINHTTP_NO_HEADER_INDEX);
+    result.rawHeaders = QueryRawHeaders(request.get());
+    result.body = ReadBody(request.get());
+    return result;
+}
+
+Emulator::Emulator() : base_(EnvVar(L"KESTAL_CONTROL_URL"))
+{
+    if (base_.empty())
+        throw std::runtime_error("KESTAL_CONTROL_URL is not set: run the tests inside the test world");
+}
+
+HttpResult Emulator::Call(const std::wstring &method, const std::wstring &path, const std::string &json) const
+{
+    HttpRequestSpec spec{base_ + path, method, {}, json};
+    if (!json.empty())
+        spec.headers.push_back(L"Content-Type: application/json");
+    return HttpSend(spec);
+}
+
+void Emulator::Reset() const
+{
+    HttpResult r = Call(L"POST", L"/reset");
+    if (r.status != 200)
+        throw std::runtime_error("the emulator did not reset");
+}
+
+Json Emulator::Requests(const std::wstring &service) const
+{
+    return ParseJson(Call(L"GET", L"/requests?service=" + service).body);
+}
+
+KspRouter::~KspRouter()
+{
+    if (module_)
+        FreeLibrary(module_);
+}
+
+bool KspRouter::CheckTable(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, std::string *why)
+{
+    if (table->Version.MajorVersion != 1 || table->Version.MinorVersion != 0) {
+        *why = "function table version is not 1.0";
+        return false;
+    }
+    // The 26 entries follow the version, each one pointer wide.
+    auto entries = reinterpret_cast<void *const *>(&table->OpenProvider);
+    for (int slot = 0; slot < 26; ++slot) {
+        if (!entries[slot]) {
+            *why = "function table slot " + std::to_string(slot + 1) + " is empty";
+            return false;
+        }
+    }
+    return true;
+}
+
+std::unique_ptr<KspRouter> KspRouter::LoadDll(std::string *why)
+{
+    using GetInterfaceFn = NTSTATUS(WINAPI *)(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **, DWORD);
+    auto router = std::unique_ptr<KspRouter>(new KspRouter);
+    router->module_ = LoadLibraryW((ExeDir() + L"\\KestalKeyVaultKSP.dll").c_str());
+    if (!router->module_) {
+        *why = "LoadLibraryW failed with " + std::to_string(GetLastError());
+        return nullptr;
+    }
+    auto getInterface = reinterpret_cast<GetInterfaceFn>(
+        reinterpret_cast<void *>(GetProcAddress(router->module_, "GetKeyStorageInterface")));
+    if (!getInterface) {
+        *why = "GetKeyStorageInterface is not exported";
+        return nullptr;
+    }
+    NTSTATUS status = getInterface(KSP_PROVIDER_NAME, &router->table_, 0);
+    if (status != 0 || !router->table_) {
+        *why = "GetKeyStorageInterface failed with " + std::to_string(status);
+        return nullptr;
+    }
+    if (!CheckTable(router->table_, why))
+        return nullptr;
+    return router;
+}
+
+void ClearSettings(HKEY hive)
+{
+    RegDeleteTreeW(hive, kSettingsKey);
+    RegCloseKey(OpenSettings(hive));
+}
+
+void SetSetting(HKEY hive, const wchar_t *name, const std::wstring &value)
+{
+    HKEY key = OpenSettings(hive);
+    RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE *>(value.c_str()),
+                   static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+    RegCloseKey(key);
+}
+
+void SetSettingDword(HKEY hive, const wchar_t *name, DWORD value)
+{
+    HKEY key = OpenSettings(hive);
+    RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&value), sizeof(value));
+    RegCloseKey(key);
+}
+
+std::wstring GetSetting(HKEY hive, const wchar_t *name)
+{
+    wchar_t buffer[4096] = {};
+    DWORD size = sizeof(buffer) - sizeof(wchar_t);
+    DWORD type = 0;
+    if (RegGetValueW(hive, kSettingsKey, name, RRF_RT_ANY, &type, buffer, &size) != ERROR_SUCCESS || type != REG_SZ)
+        return L"";
+    return buffer;
+}
+
+std::wstring TodaysLogPath(const std::wstring &dir)
+{
+    SYSTEMTIME utc;
+    GetSystemTime(&utc);
+    wchar_t name[64];
+    swprintf(name, ARRAYSIZE(name), L"\\%04d-%02d-%02d_KestalKeyVaultKSP.log", utc.wYear, utc.wMonth, utc.wDay);
+    return dir + name;
+}
+
+std::string ReadTodaysLog(const std::wstring &dir)
+{
+    std::string text;
+    FILE *file = _wfopen(TodaysLogPath(dir).c_str(), L"rb");
+    if (!file)
+        return text;
+    char chunk[4096];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk), file)) > 0)
+        text.append(chunk, n);
+    fclose(file);
+    return text;
+}
+
+FakeTime::FakeTime(__time64_t start) : now(start)
+{
+    g_fakeTime = this;
+    KSP_TIME_SEAM seam = {FakeSleep, FakeNow};
+    KspSetTimeSeam(&seam);
+}
+
+FakeTime::~FakeTime()
+{
+    KspSetTimeSeam(nullptr);
+    g_fakeTime = nullptr;
+}
+
+} // namespace kestal_test
