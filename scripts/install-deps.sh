@@ -49,12 +49,14 @@ enable_deb_src() {
 }
 
 cross_build() { # name source-dir extra-cmake-args...
-  local name=$1 src=$2; shift 2
-  cmake -S "$src" -B "$deps/build-$name" -G "Unix Makefiles" \
-    -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_INSTALL_PREFIX="$prefix" -DBUILD_SHARED_LIBS=OFF "$@" >/dev/null
-  cmake --build "$deps/build-$name" -j"$(nproc)" >/dev/null
-  cmake --install "$deps/build-$name" >/dev/null
+  local name=$1 src=$2 log=$deps/build-$1.log; shift 2
+  {
+    cmake -S "$src" -B "$deps/build-$name" -G "Unix Makefiles" -Wno-dev \
+      -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_BUILD_TYPE=Release \
+      -DCMAKE_INSTALL_PREFIX="$prefix" -DBUILD_SHARED_LIBS=OFF "$@" &&
+    cmake --build "$deps/build-$name" -j"$(nproc)" &&
+    cmake --install "$deps/build-$name"
+  } >"$log" 2>&1 || { tail -30 "$log"; say "building $name failed (log: $log)"; exit 1; }
 }
 
 build_json_c() {
@@ -76,11 +78,12 @@ build_googletest() {
 }
 
 install_emulator() {
-  local dir=$top/emulator
+  local dir=$top/emulator stamp=$deps/emulator-npm.stamp
   [ -f "$dir/package-lock.json" ] || return 0
-  [ -d "$dir/node_modules" ] && [ "$dir/node_modules/.package-lock.json" -nt "$dir/package-lock.json" ] && return
+  [ -f "$stamp" ] && cmp -s "$stamp" "$dir/package-lock.json" && return
   say "installing the emulator's npm packages"
   (cd "$dir" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+  cp "$dir/package-lock.json" "$stamp"
 }
 
 install_packages
