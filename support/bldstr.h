@@ -1,4 +1,7 @@
-// The growable wide string every URL, header, body and registry value is built in.
+// The growable wide string every URL, header, body and registry value is built in, and the
+// conversions between wide text, narrow text (CP_ACP), hexadecimal and base64.
+// Memory: records and texts returned here come from calloc/realloc and are released with
+// BldStrFree (for BldStr) or free (for everything else), by the caller.
 #pragma once
 
 #include <windows.h>
@@ -8,3 +11,23 @@ struct BldStr {
     DWORD length;   // wide characters in use, terminator excluded
     WCHAR *cStr;    // always zero-terminated while the record lives
 };
+
+BldStr *BldStrNewStr(const WCHAR *str);
+BldStr *BldStrNewStrFromAscii(const char *str);
+int BldStrCat(BldStr *pstr, const WCHAR *stradd);
+int BldStrCatAscii(BldStr *pstr, const char *stradd);
+int BldStrCatNum(BldStr *pstr, int num);
+BldStr *BldStrReplace(BldStr *pstr, const WCHAR *str);
+BldStr *BldStrRemove(BldStr *pstr, WCHAR ch);
+void BldStrFree(BldStr *pstr);
+BldStr *BldStrNewHexStr(const BYTE *pb, DWORD cb);
+// REG_SZ "CertSync" of HKEY_LOCAL_MACHINE (fMachine) or HKEY_CURRENT_USER; empty when absent.
+BldStr *BldStrGetWStringValue(BOOL fMachine);
+
+char *WStrToBytesStr(const WCHAR *str);
+
+// Decoders accept standard and URL-safe base64, with or without padding.
+int BldBinFromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut);
+WCHAR *KVCKKVKSP_ToBase64(const BYTE *pb, DWORD cb); // standard alphabet, padded, no line breaks
+int KVCKKVKSP_FromBase64(const WCHAR *pszBase64, BYTE **ppbOut, DWORD *pcbOut, BOOL fAllocate);
+int KKVKSP_FromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut);

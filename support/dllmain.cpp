@@ -1,7 +1,11 @@
 // Module entry of KestalKeyVaultKSP.dll.
-#include <windows.h>
+#include "support/log.h"
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID)
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD dwReason, LPVOID)
 {
+    if (dwReason == DLL_PROCESS_ATTACH)
+        KspModuleAttach();
+    else if (dwReason == DLL_PROCESS_DETACH)
+        KspModuleDetach();
     return TRUE;
 }

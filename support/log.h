@@ -1,5 +1,9 @@
-// Logging to the daily file and the event log.
+// Logging to the daily file and the event log, and the module's start-up state.
 #pragma once
+
+#include <windows.h>
+
+#include <stdio.h>
 
 // Levels callers pass; smaller is more severe.
 enum KSP_LOG_LEVEL {
@@ -9,3 +13,40 @@ enum KSP_LOG_LEVEL {
     KSP_LOG_STEP = 8,
     KSP_LOG_TRACE = 10,
 };
+
+// Set once at module attach, read everywhere.
+extern int g_FileLogLevel;  // LoggingLevel
+extern int g_EventLogLevel; // EVLoggingLevel
+extern int g_LogLevel;      // the larger of the two: the file's threshold and the cheap pre-filter
+
+void LogMsg(const WCHAR *pszMessage, int level);
+void LogMsgError(const WCHAR *pszMessage, DWORD dwError, int level);                         // "%s Error 0x%0x"
+void LogMsg2(const WCHAR *pszMessage, const WCHAR *pszText, int level);                      // "%s %s"
+void LogMsg3(const WCHAR *pszMessage, const WCHAR *pszText1, const WCHAR *pszText2, int level); // "%s %s %s"
+void LogMsgNum(const WCHAR *pszMessage, const WCHAR *pszText, int num, int level);           // "%s %s %d"
+void LogMsgTrace3(const WCHAR *pszMessage, const WCHAR *pszText);                             // level 10
+void LogMsgAscii(const WCHAR *pszMessage, const char *pszText);                               // level 1
+FILE *LogOpenFile(void); // today's file (UTC date) in LogfilePath, mode "a+"; null when it cannot be opened
+
+// Where event-log entries go. Tests replace it to record (type, message); NULL restores
+// RegisterEventSourceW/ReportEventW.
+struct KSP_EVENT_LOG_SEAM {
+    void (*pfnReport)(WORD wType, const WCHAR *pszMessage);
+};
+void KspSetEventLogSeam(const KSP_EVENT_LOG_SEAM *pSeam);
+
+// Module attach and detach (DllMain calls these; tests that link the core call them directly).
+void KspModuleAttach(void);
+void KspModuleDetach(void);
+
+// The lock around every key's property list: created at attach, closed at detach.
+extern HANDLE g_hKspSemaphore;
+
+// Blocks handed to CNG by EnumKeys, listed until FreeBuffer: a circular doubly linked list
+// whose head points at itself when empty.
+struct KSP_BUFFER_NODE {
+    PVOID pBuffer;
+    KSP_BUFFER_NODE *Flink;
+    KSP_BUFFER_NODE *Blink;
+};
+extern KSP_BUFFER_NODE g_EnumBufferList;

@@ -1,0 +1,1 @@
+// Filled in by the work on the support library and the provider object.

@@ -1,0 +1,5 @@
+#include "tests/harness/harness.h"
+
+#include <gtest/gtest.h>
+
+#include "kvclient/kvc.h"
