@@ -1,1 +1,5 @@
-// Filled in by the work on the support library and the provider object.
+// Module start-up and shutdown. (The logging settings and the module-wide state arrive with the logging work.)
+#include "support/log.h"
+
+void KspModuleAttach(void) {}
+void KspModuleDetach(void) {}
