@@ -33,7 +33,7 @@ install_packages() {
   need_root
   say "installing ${missing[*]}"
   apt_update
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
 }
 
 # apt-get source needs a deb-src entry; mirror the machine's own deb sources.
