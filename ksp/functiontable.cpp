@@ -35,8 +35,12 @@ const NCRYPT_KEY_STORAGE_FUNCTION_TABLE kFunctionTable = {
 
 } // namespace
 
-extern "C" NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **ppFunctionTable, DWORD)
+extern "C" NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **ppFunctionTable,
+                                                  DWORD)
 {
+    LogMsg2(L"GetKeyStorageInterface", pszProviderName, KSP_LOG_ENTRY);
+    if (!ppFunctionTable)
+        return NTE_INVALID_PARAMETER;
     // The router only reads the table; the cast drops the const its signature lacks.
     *ppFunctionTable = const_cast<NCRYPT_KEY_STORAGE_FUNCTION_TABLE *>(&kFunctionTable);
     return ERROR_SUCCESS;

@@ -2,8 +2,37 @@
 #pragma once
 
 #include "ksp/kspinterface.h"
+#include "kvclient/kvc.h"
 
 #define KSP_PROVIDER_NAME L"Kestal Key Vault Key Storage Provider"
+
+#define KSP_PROVIDER_MAGIC 0x7866ABCE
+#define KSP_VAULT_NAME_CHARS 512
+
+// The object behind an NCRYPT_PROV_HANDLE: one process-heap block, zero-filled, holding this
+// fixed part followed directly by the provider name (wide characters with terminator).
+struct KSP_PROVIDER {
+    DWORD cbLength;           // the whole block: fixed part plus name; wiped over this length on release
+    DWORD dwMagic;            // KSP_PROVIDER_MAGIC
+    DWORD dwReserved;         // 0
+    LPWSTR pszProviderName;   // the copy of the name behind the fixed part
+    LPWSTR pszUseContext;     // process-heap block: the last "Use Context" value, or null
+    WCHAR szKeyVaultMachine[KSP_VAULT_NAME_CHARS]; // vault name pattern for machine-scope keys
+    WCHAR szKeyVaultUser[KSP_VAULT_NAME_CHARS];    // vault name pattern for user-scope keys
+    KVC *kvcMachine;          // owned: the client for machine-scope keys (may be null)
+    KVC *kvcUser;             // owned: the client for user-scope keys (may be null)
+    DWORD fCertsSynced;       // 1 once a machine-scope key open has synchronised certificates
+};
+
+// The provider behind a handle, or null when the handle is null, too short or of another kind.
+KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider);
+
+// Writes a REG_SZ under Software\Kestal\KestalKeyVaultKSP of HKEY_LOCAL_MACHINE (fMachine) or
+// HKEY_CURRENT_USER. The key is opened, never created. TRUE when the value was written.
+BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *pszValue);
+
+// Unprotects a base64 DPAPI blob into pbOut (at most cbOut bytes). TRUE for a non-empty secret.
+BOOL GetSecretFromDPAPI(const WCHAR *pszBase64, BYTE *pbOut, DWORD cbOut);
 
 extern "C" {
 

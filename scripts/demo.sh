@@ -4,4 +4,4 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 scripts/build.sh >/dev/null
-exec tools/testworld/launch tools/testworld/wine-run build/mingw/bin/kspdemo.exe
+exec tools/testworld/launch tools/testworld/wine-run build/mingw/bin/kspdemo.exe --seed-settings

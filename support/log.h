@@ -18,6 +18,10 @@ enum KSP_LOG_LEVEL {
 extern int g_FileLogLevel;  // LoggingLevel
 extern int g_EventLogLevel; // EVLoggingLevel
 extern int g_LogLevel;      // the larger of the two: the file's threshold and the cheap pre-filter
+extern WCHAR g_EventSourceName[256]; // EventLog, "Application" when unset
+
+// Where every setting lives, under HKEY_LOCAL_MACHINE or HKEY_CURRENT_USER.
+inline constexpr WCHAR KSP_SETTINGS_KEY[] = L"Software\\Kestal\\KestalKeyVaultKSP";
 
 void LogMsg(const WCHAR *pszMessage, int level);
 void LogMsgError(const WCHAR *pszMessage, DWORD dwError, int level);                         // "%s Error 0x%0x"

@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include "tests/support/logfolder.h"
+
+using namespace kestal_test;
+
+using LogLines = LogFolderTest;
+
+TEST_F(LogLines, EveryWrapperWritesItsExactLine)
+{
+    SetTimeZone("GMT0");
+    FakeTime time(kNov14At221320Utc);
+    Attach(10, 0);
+    std::string afterStart = ReadLog(L"2023-11-14");
+
+    LogMsg(L"KVCGetKeys Failed", 1);
+    LogMsgError(L"KVCDoWebCall WinHttpSendRequest Failed", 0x2efd, 1);
+    LogMsg2(L"KVCDoKVRESTCall Good - JSON", nullptr, 10);
+    LogMsg3(L"GetKeyStorageInterface", L"a", L"b", 4);
+    LogMsgNum(L"KVCCryptoOp", L"status", -5, 8);
+    LogMsgTrace3(L"KVCGetKey", L"name");
+    LogMsgAscii(L"KVCAuthenticate", "{\"error\":1}");
+    LogMsg(L"too detailed", 11);
+
+    EXPECT_EQ(afterStart.rfind("Tue Nov 14 22:13:20 2023\r\n"
+                               "KestalKeyVaultKSP: 2023-11-14 22:13:20 DllMain DLL_PROCESS_ATTACH ", 0), 0u)
+        << afterStart;
+    EXPECT_EQ(ReadLog(L"2023-11-14").substr(afterStart.size()),
+              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCGetKeys Failed 1\r\n"
+              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCDoWebCall WinHttpSendRequest Failed Error 0x2efd 1\r\n"
+              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCDoKVRESTCall Good - JSON (NULL) 10\r\n"
+              "KestalKeyVaultKSP: 2023-11-14 22:13:20 GetKeyStorageInterface a b 4\r\n"
+              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCCryptoOp status -5 8\r\n"
+              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCGetKey name (NULL) 10\r\n"
+              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCAuthenticate {\"error\":1} 1\r\n");
+    EXPECT_TRUE(g_events.empty());
+}
+
+TEST_F(LogLines, EventLevelAloneSendsSevereLinesToBothWithoutBanner)
+{
+    SetTimeZone("GMT0");
+    FakeTime time(kNov14At221320Utc);
+    Attach(0, 2);
+    LogMsg(L"KVCGetCerts Failed", 1);
+    LogMsg(L"BldStrReplace NULL", 2);
+    LogMsg(L"GetKeyStorageInterface", 4);
+
+    EXPECT_EQ(ReadLog(L"2023-11-14"), "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCGetCerts Failed 1\r\n"
+                                      "KestalKeyVaultKSP: 2023-11-14 22:13:20 BldStrReplace NULL 2\r\n");
+    EXPECT_EQ(g_events, (std::vector<RecordedEvent>{{1, L"KVCGetCerts Failed"}, {2, L"BldStrReplace NULL"}}));
+}
+
+TEST_F(LogLines, OnlyFailuresAndWarningsCarryAnEventType)
+{
+    Attach(0, 10);
+    ASSERT_EQ(g_events.size(), 1u);
+    EXPECT_EQ(g_events[0].type, 0) << "attach is level 4";
+    g_events.clear();
+    for (int level : {1, 2, 3, 4, 8, 10, 11})
+        LogMsg((L"level " + std::to_wstring(level)).c_str(), level);
+    EXPECT_EQ(g_events, (std::vector<RecordedEvent>{{1, L"level 1"}, {2, L"level 2"}, {0, L"level 3"},
+                                                    {0, L"level 4"}, {0, L"level 8"}, {0, L"level 10"}}));
+}
+
+TEST_F(LogLines, AsciiBodyIsWidenedBySignExtensionAndCut)
+{
+    Attach(0, 1);
+    LogMsgAscii(L"KVCAuthenticate", "a\x80\xff");
+    LogMsgAscii(L"KVCAuthenticate", std::string(20000, 'x').c_str());
+    ASSERT_EQ(g_events.size(), 2u);
+    EXPECT_EQ(g_events[0].message, L"KVCAuthenticate a\xff80\xffff");
+    EXPECT_EQ(g_events[1].message.size(), 9999u);
+}
+
+TEST_F(LogLines, FileIsNamedAfterUtcDateWhileLinesCarryLocalTime)
+{
+    SetTimeZone("KST-10"); // 14:30 UTC on 1 March is 00:30 on 2 March here
+    FakeTime time(1'709'303'400);
+    Attach(1, 0);
+    LogMsg(L"KVCGetKeys Failed", 1);
+
+    EXPECT_EQ(ReadLog(L"2024-03-01"), "Sat Mar 02 00:30:00 2024\r\n"
+                                      "KestalKeyVaultKSP: 2024-03-02 00:30:00 KVCGetKeys Failed 1\r\n");
+    EXPECT_EQ(ReadLog(L"2024-03-02"), "");
+}
+
+TEST_F(LogLines, SettingsOfAnotherTypeFallBackToDefaults)
+{
+    SetSetting(HKEY_LOCAL_MACHINE, L"EventLog", L"KestalKSP");
+    KspModuleAttach();
+    EXPECT_STREQ(g_EventSourceName, L"KestalKSP");
+
+    SetSetting(HKEY_LOCAL_MACHINE, L"LoggingLevel", L"10");
+    SetSetting(HKEY_LOCAL_MACHINE, L"EVLoggingLevel", L"10");
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"EventLog", 7);
+    KspModuleAttach();
+    LogMsg(L"KVCGetKeys Failed", 1);
+    EXPECT_STREQ(g_EventSourceName, L"Application");
+    EXPECT_TRUE(g_events.empty());
+    EXPECT_EQ(ReadTodaysLog(dir_), "");
+}
+
+TEST_F(LogLines, ModuleAttachCreatesLockAndEmptyListAndDetachClosesLock)
+{
+    FakeTime time(kNov14At221320Utc);
+    Attach(4, 0);
+    ASSERT_NE(g_hKspSemaphore, nullptr);
+    EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "maximum count 1";
+    EXPECT_EQ(g_EnumBufferList.Flink, &g_EnumBufferList);
+    EXPECT_EQ(g_EnumBufferList.Blink, &g_EnumBufferList);
+
+    KspModuleDetach();
+    EXPECT_EQ(g_hKspSemaphore, nullptr);
+    EXPECT_NE(ReadLog(L"2023-11-14").find(" DllMain DLL_PROCESS_DETACH \\Device\\"), std::string::npos);
+}
+
+// eventlog_wine_debug_test.sh runs this with WINEDEBUG=+eventlog and finds the strings in
+// Wine's debug output: the real RegisterEventSourceW/ReportEventW path.
+TEST_F(LogLines, RealEventLogReceivesReportedStrings)
+{
+    KspSetEventLogSeam(nullptr);
+    FakeTime time(kNov14At221320Utc);
+    Attach(0, 4);
+    LogMsg(L"EventLogProbe warning line", 2);
+    LogMsg(L"EventLogProbe entry line", 4);
+    EXPECT_NE(ReadLog(L"2023-11-14").find(" EventLogProbe entry line 4\r\n"), std::string::npos);
+}
