@@ -126,13 +126,13 @@ std::wstring HttpResult::Header(std::wstring_view name) const
     return L"";
 }
 
-HttpResult HttpSend(const HttpRequestSpec &spec)
+HttpResult HttpSend(const HttpRequestSpec &req)
 {
     HttpResult result;
     URL_COMPONENTS parts{};
     parts.dwStructSize = sizeof(parts);
     parts.dwHostNameLength = parts.dwUrlPathLength = parts.dwExtraInfoLength = static_cast<DWORD>(-1);
-    if (!WinHttpCrackUrl(spec.url.c_str(), 0, 0, &parts)) {
+    if (!WinHttpCrackUrl(req.url.c_str(), 0, 0, &parts)) {
         result.error = GetLastError();
         return result;
     }
@@ -148,7 +148,7 @@ HttpResult HttpSend(const HttpRequestSpec &spec)
     WinHttpSetTimeouts(session.get(), 5000, 5000, 15000, 15000);
     Internet connection(WinHttpConnect(session.get(), host.c_str(), parts.nPort, 0));
     DWORD flags = parts.nScheme == INTERNET_SCHEME_HTTPS ? WINHTTP_FLAG_SECURE : 0;
-    Internet request(connection ? WinHttpOpenRequest(connection.get(), spec.method.c_str(), path.c_str(), nullptr,
+    Internet request(connection ? WinHttpOpenRequest(connection.get(), req.method.c_str(), path.c_str(), nullptr,
                                                      WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES, flags)
                                 : nullptr);
     if (!request) {
@@ -156,10 +156,10 @@ HttpResult HttpSend(const HttpRequestSpec &spec)
         return result;
     }
     std::wstring headers;
-    for (const auto &h : spec.headers)
+    for (const auto &h : req.headers)
         headers += h + L"\r\n";
-    void *body = spec.body.empty() ? WINHTTP_NO_REQUEST_DATA : const_cast<char *>(spec.body.data());
-    DWORD length = static_cast<DWORD>(spec.body.size());
+    void *body = req.body.empty() ? WINHTTP_NO_REQUEST_DATA : const_cast<char *>(req.body.data());
+    DWORD length = static_cast<DWORD>(req.body.size());
     if (!WinHttpSendRequest(request.get(), headers.empty() ? WINHTTP_NO_ADDITIONAL_HEADERS : headers.c_str(),
                             static_cast<DWORD>(-1L), body, length, length, 0) ||
         !WinHttpReceiveResponse(request.get(), nullptr)) {
@@ -182,10 +182,10 @@ Emulator::Emulator() : base_(EnvVar(L"KESTAL_CONTROL_URL"))
 
 HttpResult Emulator::Call(const std::wstring &method, const std::wstring &path, const std::string &json) const
 {
-    HttpRequestSpec spec{base_ + path, method, {}, json};
+    HttpRequestSpec req{base_ + path, method, {}, json};
     if (!json.empty())
-        spec.headers.push_back(L"Content-Type: application/json");
-    return HttpSend(spec);
+        req.headers.push_back(L"Content-Type: application/json");
+    return HttpSend(req);
 }
 
 void Emulator::Reset() const

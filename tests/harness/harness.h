@@ -48,7 +48,7 @@ struct HttpResult {
 };
 
 // One exchange with certificate validation on and no proxy.
-HttpResult HttpSend(const HttpRequestSpec &spec);
+HttpResult HttpSend(const HttpRequestSpec &req);
 
 // ---- The emulated Azure's control API ------------------------------------------------
 class Emulator {
