@@ -62,10 +62,10 @@ function classifyHttps(req) {
   return { service: 'unknown' };
 }
 
-function tlsMaterial(certFile, keyFile, tmp, stem) {
+function tlsMaterial(certFile, keyFile, stem) {
   if (certFile && keyFile) return { cert: fs.readFileSync(certFile), key: fs.readFileSync(keyFile) };
   if (certFile || keyFile) usage(`a certificate and its key go together (${stem})`);
-  return tlsgen.selfSigned(tmp, stem);
+  return tlsgen.selfSigned(scratch(), stem);
 }
 
 function listen(server, port, host) {
@@ -78,18 +78,24 @@ function listen(server, port, host) {
   });
 }
 
+// A scratch directory for generated certificates and default Arc key files,
+// made on first use and removed on exit.
+function scratch() {
+  if (!scratch.dir) scratch.dir = fs.mkdtempSync(path.join(os.tmpdir(), 'kestal-emulator-'));
+  return scratch.dir;
+}
+
 async function start(opts) {
   const store = new Store();
-  const tmp = fs.mkdtempSync(path.join(os.tmpdir(), 'kestal-emulator-'));
   const vaultSide = { login: login.create(store), vault: keys.create(store) };
   const plan = [];
   if (opts.httpsPort !== undefined) {
-    const tls = tlsMaterial(opts.tlsCert, opts.tlsKey, tmp, 'https');
+    const tls = tlsMaterial(opts.tlsCert, opts.tlsKey, 'https');
     plan.push(['https', https.createServer(tls, requestlog.frontDoor(store, 'https', classifyHttps, vaultSide)),
       opts.httpsPort, opts.httpsHost]);
   }
   if (opts.untrustedPort !== undefined) {
-    const tls = tlsMaterial(opts.untrustedCert, opts.untrustedKey, tmp, 'untrusted');
+    const tls = tlsMaterial(opts.untrustedCert, opts.untrustedKey, 'untrusted');
     plan.push(['untrusted', https.createServer(tls, requestlog.frontDoor(store, 'untrusted', classifyHttps, vaultSide)),
       opts.untrustedPort, opts.httpsHost]);
   }
@@ -98,7 +104,7 @@ async function start(opts) {
     plan.push(['imds', http.createServer(door), opts.imdsPort, opts.imdsHost]);
   }
   if (opts.arcPort !== undefined) {
-    const cfg = { tokenDir: opts.arcTokenDir || path.join(tmp, 'arc-tokens'), realmDir: opts.arcRealmDir || null };
+    const cfg = { tokenDir: opts.arcTokenDir || path.join(scratch(), 'arc-tokens'), realmDir: opts.arcRealmDir || null };
     const door = requestlog.frontDoor(store, 'arc', () => ({ service: 'arc' }), { arc: arc.create(store, cfg) });
     plan.push(['arc', http.createServer(door), opts.arcPort, opts.arcHost]);
   }
@@ -121,6 +127,7 @@ function main() {
   start(opts).then(({ servers, ports }) => {
     const stop = () => {
       for (const s of servers) s.close();
+      if (scratch.dir) fs.rmSync(scratch.dir, { recursive: true, force: true });
       process.exit(0);
     };
     process.on('SIGTERM', stop);

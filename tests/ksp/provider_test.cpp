@@ -199,31 +199,8 @@ TEST_F(Provider, PlainSecretsAreProtectedBlankedAndNeverLogged)
         EXPECT_EQ(log.find(Narrow(secret)), std::string::npos) << Narrow(secret);
 }
 
-TEST_F(Provider, SecretProtectedByOneProcessIsReadByTheNext)
-{
-    SetSetting(HKEY_LOCAL_MACHINE, L"ClientSecret", kMachineSecret);
-    SetSetting(HKEY_CURRENT_USER, L"ClientSecret", kUserSecret);
-    ASSERT_NE(Open(), nullptr); // converts both secrets
-
-    wchar_t exe[MAX_PATH];
-    GetModuleFileNameW(nullptr, exe, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(exe) + L"\" --gtest_also_run_disabled_tests --gtest_filter=ProviderSecondProcess.*";
-    STARTUPINFOW si{sizeof(si)};
-    PROCESS_INFORMATION pi{};
-    BOOL started = CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
-    ASSERT_TRUE(started) << GetLastError();
-    WaitForSingleObject(pi.hProcess, 120000);
-    DWORD exitCode = 1;
-    GetExitCodeProcess(pi.hProcess, &exitCode);
-    CloseHandle(pi.hThread);
-    CloseHandle(pi.hProcess);
-    EXPECT_EQ(exitCode, 0u) << "the second process could not read the protected secrets";
-    EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"SecondProcessRan"), L"yes"); // not an empty filter
-}
-
-// Started only by the test above, in a process of its own (hence disabled): opens the
-// provider on what the first process left.
-TEST(ProviderSecondProcess, DISABLED_ReadsTheSecretsTheFirstProcessProtected)
+// The second process: opens the provider on what the first process left.
+void ReadSecretsProtectedByAnotherProcess()
 {
     EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"ClientSecret"), L"");
     EXPECT_NE(GetSetting(HKEY_LOCAL_MACHINE, L"ClientDPAPISecret"), L"");
@@ -234,6 +211,40 @@ TEST(ProviderSecondProcess, DISABLED_ReadsTheSecretsTheFirstProcessProtected)
     EXPECT_EQ(Text(p->kvcUser->clientSecret), kUserSecret);
     KestalKeyVaultKSPFreeProvider(h);
     SetSetting(HKEY_LOCAL_MACHINE, L"SecondProcessRan", L"yes");
+}
+
+// Runs itself again, in a new process, as the second of the two opens.
+TEST(ProviderAcrossProcesses, SecretProtectedByOneProcessIsReadByTheNext)
+{
+    if (!EnvVar(L"KESTAL_SECOND_PROCESS").empty()) {
+        ReadSecretsProtectedByAnotherProcess();
+        return;
+    }
+    ClearSettings(HKEY_LOCAL_MACHINE);
+    ClearSettings(HKEY_CURRENT_USER);
+    SetSetting(HKEY_LOCAL_MACHINE, L"ClientSecret", kMachineSecret);
+    SetSetting(HKEY_CURRENT_USER, L"ClientSecret", kUserSecret);
+    NCRYPT_PROV_HANDLE first = 0;
+    ASSERT_EQ(KestalKeyVaultKSPOpenProvider(&first, KSP_PROVIDER_NAME, 0), 0); // converts both secrets
+    KestalKeyVaultKSPFreeProvider(first);
+
+    wchar_t exe[MAX_PATH];
+    GetModuleFileNameW(nullptr, exe, MAX_PATH);
+    std::wstring command = L"\"" + std::wstring(exe) +
+                           L"\" --gtest_filter=ProviderAcrossProcesses.SecretProtectedByOneProcessIsReadByTheNext";
+    SetEnvironmentVariableW(L"KESTAL_SECOND_PROCESS", L"1");
+    STARTUPINFOW si{sizeof(si)};
+    PROCESS_INFORMATION pi{};
+    BOOL started = CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
+    SetEnvironmentVariableW(L"KESTAL_SECOND_PROCESS", nullptr);
+    ASSERT_TRUE(started) << GetLastError();
+    WaitForSingleObject(pi.hProcess, 120000);
+    DWORD exitCode = 1;
+    GetExitCodeProcess(pi.hProcess, &exitCode);
+    CloseHandle(pi.hThread);
+    CloseHandle(pi.hProcess);
+    EXPECT_EQ(exitCode, 0u) << "the second process could not read the protected secrets";
+    EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"SecondProcessRan"), L"yes"); // not an empty filter
 }
 
 TEST_F(Provider, UnreadableDpapiSecretIsLoggedAndTheProviderStillOpens)
