@@ -77,7 +77,7 @@ function describeVault(store, v) {
 }
 
 async function createKey(store, name, b) {
-  const problem = keystore.checkSpec(b);
+  const problem = keystore.checkRequest(b);
   need(!problem, problem);
   const vault = store.vault(name);
   const version = await keystore.addKey(vault, b);

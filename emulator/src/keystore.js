@@ -18,32 +18,32 @@ function validName(name) {
 }
 
 // Checks a key request; answers an error text or null.
-function checkSpec(spec) {
-  if (!spec || !validName(spec.name)) return 'name must match ^[0-9a-zA-Z-]{1,127}$';
-  const kty = spec.kty || 'RSA';
+function checkRequest(wanted) {
+  if (!wanted || !validName(wanted.name)) return 'name must match ^[0-9a-zA-Z-]{1,127}$';
+  const kty = wanted.kty || 'RSA';
   if (!['RSA', 'RSA-HSM', 'EC', 'EC-HSM'].includes(kty)) return `unsupported kty ${kty}`;
-  if (kty.startsWith('RSA') && spec.key_size !== undefined && !RSA_SIZES.includes(spec.key_size)) {
-    return `unsupported key_size ${spec.key_size}`;
+  if (kty.startsWith('RSA') && wanted.key_size !== undefined && !RSA_SIZES.includes(wanted.key_size)) {
+    return `unsupported key_size ${wanted.key_size}`;
   }
-  if (kty.startsWith('EC') && spec.crv !== undefined && !CURVES[spec.crv]) return `unsupported crv ${spec.crv}`;
+  if (kty.startsWith('EC') && wanted.crv !== undefined && !CURVES[wanted.crv]) return `unsupported crv ${wanted.crv}`;
   return null;
 }
 
-async function makeMaterial(spec) {
-  const kty = spec.kty || 'RSA';
+async function makeMaterial(wanted) {
+  const kty = wanted.kty || 'RSA';
   if (kty.startsWith('RSA')) {
-    const pair = await generateKeyPair('rsa', { modulusLength: spec.key_size || 2048 });
+    const pair = await generateKeyPair('rsa', { modulusLength: wanted.key_size || 2048 });
     const jwk = pair.publicKey.export({ format: 'jwk' });
     return { kty, privateKey: pair.privateKey, pub: { n: jwk.n, e: jwk.e }, ops: RSA_OPS };
   }
-  const crv = spec.crv || 'P-256';
+  const crv = wanted.crv || 'P-256';
   const pair = await generateKeyPair('ec', { namedCurve: CURVES[crv] });
   const jwk = pair.publicKey.export({ format: 'jwk' });
   return { kty, privateKey: pair.privateKey, pub: { crv, x: jwk.x, y: jwk.y }, ops: EC_OPS };
 }
 
-function attributesOf(spec, now) {
-  const given = spec.attributes || {};
+function attributesOf(wanted, now) {
+  const given = wanted.attributes || {};
   const a = { enabled: given.enabled === undefined ? true : Boolean(given.enabled) };
   if (given.nbf !== undefined) a.nbf = given.nbf;
   if (given.exp !== undefined) a.exp = given.exp;
@@ -55,20 +55,20 @@ function attributesOf(spec, now) {
 }
 
 // Adds a key, or a new version of it; answers the new version record.
-async function addKey(vault, spec) {
-  const material = await makeMaterial(spec);
+async function addKey(vault, wanted) {
+  const material = await makeMaterial(wanted);
   const version = {
     version: hex32(),
     kty: material.kty,
     privateKey: material.privateKey,
     pub: material.pub,
-    keyOps: Array.isArray(spec.key_ops) ? spec.key_ops.slice() : material.ops.slice(),
-    attributes: attributesOf(spec, nowSeconds()),
-    tags: spec.tags && typeof spec.tags === 'object' ? Object.assign({}, spec.tags) : undefined,
-    managed: spec.managed ? true : undefined,
+    keyOps: Array.isArray(wanted.key_ops) ? wanted.key_ops.slice() : material.ops.slice(),
+    attributes: attributesOf(wanted, nowSeconds()),
+    tags: wanted.tags && typeof wanted.tags === 'object' ? Object.assign({}, wanted.tags) : undefined,
+    managed: wanted.managed ? true : undefined,
   };
-  const id = spec.name.toLowerCase();
-  const record = vault.keys.get(id) || { name: spec.name, versions: [] };
+  const id = wanted.name.toLowerCase();
+  const record = vault.keys.get(id) || { name: wanted.name, versions: [] };
   record.versions.push(version);
   vault.keys.set(id, record);
   return version;
@@ -123,5 +123,5 @@ function sortedKeys(vault) {
 }
 
 module.exports = {
-  checkSpec, addKey, findKey, findVersion, bundle, item, sortedKeys, validName, hasRecoverableDays,
+  checkRequest, addKey, findKey, findVersion, bundle, item, sortedKeys, validName, hasRecoverableDays,
 };

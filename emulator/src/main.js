@@ -133,6 +133,9 @@ function main() {
     process.on('SIGTERM', stop);
     process.on('SIGINT', stop);
     process.stdout.write(`emulator ready ${JSON.stringify(ports)}\n`);
+  }, (e) => {
+    process.stderr.write(`emulator: cannot start: ${e.message}\n`);
+    process.exit(1);
   });
 }
 

@@ -6,22 +6,22 @@ const { send } = require('./util');
 const SERVICES = ['login', 'vault', 'imds', 'arc'];
 const MAX_DELAY_MS = 120000;
 
-function validate(spec) {
-  if (!spec || !SERVICES.includes(spec.service)) return 'service must be one of ' + SERVICES.join(', ');
-  if (!Array.isArray(spec.responses) || spec.responses.length === 0) return 'responses must be a non-empty array';
-  for (const r of spec.responses) {
+function validate(entry) {
+  if (!entry || !SERVICES.includes(entry.service)) return 'service must be one of ' + SERVICES.join(', ');
+  if (!Array.isArray(entry.responses) || entry.responses.length === 0) return 'responses must be a non-empty array';
+  for (const r of entry.responses) {
     if (!r || (!r.drop && !Number.isInteger(r.status))) return 'each response needs a status or drop';
   }
   return null;
 }
 
-function add(store, spec) {
+function add(store, entry) {
   store.state.scripts.push({
-    service: spec.service,
-    method: spec.method ? String(spec.method).toUpperCase() : null,
-    path: spec.path || null,
-    vault: spec.vault ? String(spec.vault).toLowerCase() : null,
-    responses: spec.responses.slice(),
+    service: entry.service,
+    method: entry.method ? String(entry.method).toUpperCase() : null,
+    path: entry.path || null,
+    vault: entry.vault ? String(entry.vault).toLowerCase() : null,
+    responses: entry.responses.slice(),
   });
 }
 
