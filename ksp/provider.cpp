@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr const WCHAR kSettingsKey[] = L"Software\\Kestal\\KestalKeyVaultKSP";
-
 constexpr DWORD kUserNameChars = 257;      // UNLEN + 1
 constexpr DWORD kSettingBytes = 1024;      // vault name, tenant, client, secret, certificate
 constexpr DWORD kDpapiTextChars = 4096;    // ClientDPAPISecret, base64
@@ -44,7 +42,7 @@ struct RegKey {
 
 bool OpenSettings(HKEY hive, REGSAM access, RegKey *key)
 {
-    return RegOpenKeyExW(hive, kSettingsKey, 0, access, &key->h) == ERROR_SUCCESS;
+    return RegOpenKeyExW(hive, KSP_SETTINGS_KEY, 0, access, &key->h) == ERROR_SUCCESS;
 }
 
 // Reads a REG_SZ into a zeroed buffer of cbBuffer bytes. A missing value, another type, or a
@@ -259,7 +257,7 @@ BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *p
     if (!pszValueName || !pszValue)
         return FALSE;
     RegKey key;
-    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, kSettingsKey, 0, KEY_SET_VALUE, &key.h);
+    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE, &key.h);
     if (rc != ERROR_SUCCESS) {
         LogMsgError(L"KestalRegSetString RegOpenKeyExW Failed", static_cast<DWORD>(rc), KSP_LOG_WARNING);
         return FALSE;
