@@ -152,6 +152,7 @@ bool ProtectSecret(ScopeSettings *s, DWORD dwProtectFlags)
         return false;
     }
     memcpy(s->szClientDPAPISecret, szBase64, sizeof(szBase64));
+    SecureZeroMemory(szBase64, sizeof(szBase64));
     return true;
 }
 

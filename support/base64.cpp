@@ -56,6 +56,7 @@ int BldBinFromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut)
             break;
     }
     int result = CryptStringToBinaryW(pstr->cStr, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
+    SecureZeroMemory(pstr->cStr, pstr->capacity); // the text may be a token or protected secret
     BldStrFree(pstr);
     return result;
 }
@@ -90,6 +91,12 @@ int KVCKKVKSP_FromBase64(const WCHAR *pszBase64, BYTE **ppbOut, DWORD *pcbOut, B
         LogMsg(L"KVCKKVKSP_FromBase64 Input Too Long", KSP_LOG_FAILURE);
         return 0;
     }
+
+    // The copy may hold a token or a protected secret: wiped on every way out.
+    struct WipeOnExit {
+        WCHAR *psz;
+        ~WipeOnExit() { SecureZeroMemory(psz, kLocalBase64Chars * sizeof(WCHAR)); }
+    } wipe{szBase64};
 
     DWORD cbDecoded = 0;
     if (!CryptStringToBinaryW(szBase64, 0, CRYPT_STRING_BASE64_ANY, nullptr, &cbDecoded, nullptr, nullptr)) {
@@ -130,7 +137,9 @@ int KKVKSP_FromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut)
         LogMsg(L"KKVKSP_FromBase64 Input Too Long", KSP_LOG_FAILURE);
         return 0;
     }
-    if (!CryptStringToBinaryW(szBase64, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr)) {
+    BOOL decoded = CryptStringToBinaryW(szBase64, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
+    SecureZeroMemory(szBase64, sizeof(szBase64)); // the DPAPI text of the client secret comes this way
+    if (!decoded) {
         LogMsg(L"KKVKSP_FromBase64 CryptStringToBinary Failed", KSP_LOG_FAILURE);
         return 0;
     }
