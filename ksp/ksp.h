@@ -24,6 +24,79 @@ struct KSP_PROVIDER {
     DWORD fCertsSynced;       // 1 once a machine-scope key open has synchronised certificates
 };
 
+// ---- Key objects and their property lists -----------------------------------------------
+
+#define KSP_KEY_MAGIC 0x7866ABCF
+#define KSP_KEY_LENGTH 1000 // what cbLength says; the block is at least this and sizeof(KSP_KEY)
+#define KSP_ALGORITHM_CHARS 20
+#define KSP_PROPERTY_NAME_CHARS 65 // 64 characters and the terminator
+
+// The object behind an NCRYPT_KEY_HANDLE: one process-heap block. Owns its names, buffers,
+// kvKey and properties; borrows kvc from the provider.
+struct KSP_KEY {
+    DWORD cbLength;                         // KSP_KEY_LENGTH
+    DWORD dwMagic;                          // KSP_KEY_MAGIC
+    LPWSTR pszKeyName;                      // process heap; null for a key created without a name
+    LPWSTR pszKeyFilePath;                  // process heap; nothing fills it yet
+    ULONGLONG qwReserved;                   // 0
+    WCHAR szAlgorithm[KSP_ALGORITHM_CHARS]; // "RSA", "ECDSA_P256", "ECDH_P384", ...
+    DWORD dwKeyBitLength;
+    DWORD dwExportPolicy;
+    DWORD dwKeyUsagePolicy;                 // NCRYPT_ALLOW_DECRYPT_FLAG | NCRYPT_ALLOW_SIGNING_FLAG at creation
+    DWORD fFinished;                        // 1 once the key exists in the vault
+    PBYTE pbKeyFile;                        // process heap; nothing fills it yet
+    ULONGLONG cbKeyFile;
+    PBYTE pbPrivateKey;                     // process heap: an imported private blob, DPAPI-protected only
+    ULONGLONG cbPrivateKey;
+    KVC *kvc;                               // borrowed from the provider
+    DWORD dwMachineKey;                     // NCRYPT_MACHINE_KEY_FLAG or 0
+    KVKey kvKey;
+    DWORD fPublishCert;                     // FreeKey uploads the key's certificate when set
+    DWORD dwSecurityInfo;                   // flags that came with the last "Security Descr"
+    PBYTE pbSecurityDescr;                  // process heap: copy of the last "Security Descr"
+    ULONGLONG cbSecurityDescr;
+    LPWSTR pszUseContext;                   // malloc (_wcsdup): the last "Use Context"
+    LIST_ENTRY PropertyList;                // KSP_PROPERTY nodes, guarded by g_hKspSemaphore
+    HWND hWnd;                              // "HWND Handle"
+};
+
+// One property kept on a key: one process-heap block, the value bytes directly behind it.
+struct KSP_PROPERTY {
+    DWORD fPersist;        // set with NCRYPT_PERSIST_FLAG or NCRYPT_PERSIST_ONLY_FLAG
+    WCHAR szName[KSP_PROPERTY_NAME_CHARS];
+    DWORD cbPropertyData;
+    LIST_ENTRY ListEntry;  // link in the owning key's PropertyList
+    DWORD fNotPersistOnly; // 1 unless NCRYPT_PERSIST_ONLY_FLAG was set
+};
+inline PBYTE KspPropertyData(KSP_PROPERTY *pProperty) { return reinterpret_cast<PBYTE>(pProperty + 1); }
+
+// Process-heap memory for everything that crosses the CNG boundary. KspAlloc refuses sizes
+// above 4 GB - 1 with ERROR_OUTOFMEMORY; KspFree returns HeapFree's result.
+PVOID KspAlloc(SIZE_T cb);
+BOOL KspFree(PVOID pb);
+
+// The key behind a handle, or null when the handle is null, too short or of another kind.
+KSP_KEY *KspKeyFromHandle(NCRYPT_KEY_HANDLE hKey);
+
+// 0 and a new key in *ppKey, NTE_NO_MEMORY or NTE_INVALID_PARAMETER (names of 130 characters or
+// more, algorithm names of 20 or more). pszKeyName may be null.
+SECURITY_STATUS CreateNewKeyObject(LPCWSTR pszKeyName, LPCWSTR pszAlgorithm, KSP_KEY **ppKey, DWORD dwMachineKey);
+// Frees the key and everything it owns (its kvKey contents and property list included).
+SECURITY_STATUS DeleteKeyObject(KSP_KEY *pKey);
+// A node for pszName (at most 64 characters) holding a copy of the value; the caller links it.
+SECURITY_STATUS CreateNewProperty(LPCWSTR pszName, const BYTE *pbData, DWORD cbData, DWORD dwFlags,
+                                  KSP_PROPERTY **ppProperty);
+// Applies a property the key object itself understands. *pdwFlags comes back with
+// NCRYPT_PERSIST_FLAG set when the caller should also keep a node, cleared when not.
+// NTE_NOT_SUPPORTED for names it does not know.
+SECURITY_STATUS SetBuildinKeyProperty(KSP_KEY *pKey, LPCWSTR pszName, const BYTE *pbInput, DWORD cbInput,
+                                      DWORD *pdwFlags);
+// Keeps an RSA private blob (BCRYPT_RSAPRIVATE_BLOB or BCRYPT_RSAFULLPRIVATE_BLOB) in the key,
+// DPAPI-protected with the description "Private Key", replacing any earlier one.
+SECURITY_STATUS KspStorePrivateKeyBlob(KSP_KEY *pKey, LPCWSTR pszBlobType, const BYTE *pbBlob, DWORD cbBlob);
+// Lists a buffer handed to the caller by EnumKeys; null when already listed or out of memory.
+KSP_BUFFER_NODE *AddEnumBuffer(PVOID pBuffer);
+
 // The provider behind a handle, or null when the handle is null, too short or of another kind.
 KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider);
 

@@ -2,6 +2,8 @@
 // Memory: calloc/realloc/free; the caller frees what a function returns.
 #pragma once
 
+#include <initializer_list>
+
 #include "support/bldstr.h"
 #include "support/log.h"
 #include "support/timeseam.h"
@@ -22,8 +24,8 @@ struct KVC {
     DWORD fPurge;
     DWORD fCertMode;
     DWORD dwExportable;
-    DWORD lastStatus;
-    char *lastResponse;
+    DWORD lastStatus;   // HTTP status of the last REST call; 0 when no answer came
+    char *lastResponse; // body of the last REST call; null when no answer came
 };
 
 KVC *KVCNew(const WCHAR *pszKVNamePattern, DWORD authn, const WCHAR *pszTenantId, const WCHAR *pszClientId,
@@ -45,15 +47,32 @@ struct KVC_WEB_RESPONSE {
 
 // Sends one request (TLS exactly when the port is 443) with up to 10 attempts. The body is
 // sent as the bytes of the narrow text. Null only when the record cannot be allocated.
+// A refused connection waits 20 s before its next attempt, any other failure 200 ms. pszHeaders
+// holds lines each ending in CR LF, or is null. kvc is not used.
 KVC_WEB_RESPONSE *KVCDoWebCall(KVC *kvc, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath, const WCHAR *pszVerb,
                                const WCHAR *pszHeaders, const char *pszBody);
+// Wipes the body (it may hold a token) and frees the record; null is ignored.
 void KVCFreeWebResponse(KVC_WEB_RESPONSE *resp);
+
+// Joins the pieces (null ones skipped) into one calloc'd text of exactly the size needed, so
+// that a text carrying a token or secret is written once and never left behind in memory
+// freed by a growing buffer. Null when out of memory. Released with KVCWipeFreeText.
+WCHAR *KVCJoinText(std::initializer_list<const WCHAR *> pieces);
+// Zero a text, then free it; null is ignored.
+void KVCWipeFreeText(WCHAR *psz);
+void KVCWipeFreeBytes(char *psz);
 
 // ---- Authentication ---------------------------------------------------------------------
 
 // Makes sure the client holds a bearer token for the vault: reuses one for an hour, else asks
 // for one by client secret (authn bit 2) and/or managed identity (bit 1). 1 when a token is held.
+// pszResource replaces the vault audience when given (no caller does). A vault named "oidguid"
+// becomes "x" and the first 23 hexadecimal digits of the identity's object id.
 int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource);
+// The key file named by an Azure Arc agent's challenge ("Basic realm=<path>" up to CR LF) in
+// raw response headers, as a calloc'd text the caller frees; null (and logged) when the marker
+// or the line end is missing.
+WCHAR *KVCArcRealmPath(const WCHAR *pszHeaders);
 
 // ---- The REST call frame ----------------------------------------------------------------
 
@@ -61,6 +80,62 @@ int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource);
 #define KVC_COLLECTION_CERTIFICATES 1
 
 // One Key Vault REST call with the client's token. Leaves the status in kvc->lastStatus and the
-// body in kvc->lastResponse. 1 only for HTTP 200, 201, 202 and 204.
+// body in kvc->lastResponse. 1 only for HTTP 200, 201, 202 and 204. Without a token: 0, no
+// traffic, and the previous status and body stay. The path is pszPath as it stands when given,
+// else "/keys" or "/certificates", then "/" + pszObjectName and "/" + pszAction for those given
+// (null or empty ones are left out), then "?api-version=" + pszApiVersion ("2016-10-01" when
+// null). dwFlag is not used.
 int KVCDoKVRESTCall(KVC *kvc, DWORD dwFlag, const WCHAR *pszPath, DWORD dwCollection, const WCHAR *pszObjectName,
                     const WCHAR *pszVerb, const WCHAR *pszAction, const char *pszBody, const WCHAR *pszApiVersion);
+// A fresh request identifier: a new GUID in braces, as StringFromGUID2 writes it. 1 on success.
+int KVCNewRequestId(WCHAR (&szId)[39]);
+
+// ---- Key names and key records ----------------------------------------------------------
+
+// A CNG name holds at most 42 characters; its vault form is "-", three base-50 digits per
+// character and "z" filler, so it is always 43 or more characters long. Names that need no
+// encoding are copied unchanged, and only up to 41 characters.
+#define KVC_CLEAR_NAME_CHARS 43    // 42 characters and the terminator
+#define KVC_ENCODED_NAME_CHARS 129 // what callers reserve for a vault name
+#define KVC_VERSION_CHARS 129
+#define KVC_ALGID_CHARS 20
+
+// pszEncoded has room for KVC_ENCODED_NAME_CHARS - 1 characters. *pfEncoded (may be null)
+// receives 1 when the name was encoded, 0 when copied. 1 on success, 0 for names that cannot
+// be mapped (NULLs, more than 42 characters, 42 characters that need no encoding).
+int KVCConvertClearKeyNameToEncoded(const WCHAR *pszClear, WCHAR *pszEncoded, DWORD *pfEncoded);
+// pszClear has room for KVC_CLEAR_NAME_CHARS characters and is zeroed first. *pfEncoded (may be
+// null) receives 1 when the name was decoded, 0 when copied. 0 for a malformed encoded name,
+// an unencoded name of 42 characters or more, or NULLs.
+int KVCConvertEncodedKeyNameToClear(const WCHAR *pszEncoded, WCHAR *pszClear, DWORD *pfEncoded);
+
+// A vault key (JSON Web Key and tags) as parsed by KVCParseJSONKey. Texts and byte arrays are
+// owned (calloc) and released by KVCFreeKVKey; byte arrays carry two spare zero bytes.
+struct KVKey {
+    DWORD valid;                          // 1 once a parse got past its argument checks
+    WCHAR name[KVC_ENCODED_NAME_CHARS];   // the vault name as passed to the parser
+    WCHAR clearName[KVC_CLEAR_NAME_CHARS]; // the decoded CNG name, or "InvalidName"
+    WCHAR version[KVC_VERSION_CHARS];     // last path segment of "kid"
+    WCHAR *crv;
+    WCHAR *d, *dp, *dq; // private members, base64url text as received
+    BYTE *e;
+    DWORD e_siz;
+    WCHAR *k;
+    WCHAR *kty;
+    DWORD isEC; // kty is exactly "EC" or "EC-HSM"
+    BYTE *n;
+    DWORD n_siz;
+    WCHAR *p, *q, *qi;
+    BYTE *x;
+    DWORD x_siz;
+    BYTE *y;
+    DWORD y_siz;
+    WCHAR *key_ops;               // the "key_ops" array joined with ","
+    WCHAR AlgID[KVC_ALGID_CHARS]; // CNG algorithm name ("RSA", "ECDSA_P256", ...) or empty
+};
+
+// Fills theKey from a key document. 0 only for NULL arguments or a vault name over 128
+// characters; a body that is not JSON still yields 1 with only the names filled.
+int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theKey);
+// Frees the owned members of a valid record and sets them to null; sizes and valid stay.
+void KVCFreeKVKey(KVKey *theKey);

@@ -1,2 +1,191 @@
-// placeholder
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+
+#include "kvclient/kvc.h"
+#include "tests/support/logfolder.h"
+
+using namespace kestal_test;
+
+namespace {
+
+struct NameCase {
+    std::wstring clear, encoded;
+};
+
+const NameCase kEncodingTable[] = {
+    {L"web-server-01", L"web-server-01"},
+    {L"My Key", L"-bBAVCAgAAZBABCAVCA" + std::wstring(24, L'z')},
+    {L"-lead", L"-tAAICABCAvBAACA" + std::wstring(27, L'z')},
+    {L"key_1", L"-HCABCAVCAtBAxAA" + std::wstring(27, L'z')},
+    {L"caf\u00e9", L"-xBAvBACCAhEA" + std::wstring(30, L'z')},
+    {L"\u4e2d", L"-NAI" + std::wstring(39, L'z')},
+    {std::wstring(15, L'A') + L" ", L"-PBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAgAA"},
+};
+
+bool IsVaultChar(wchar_t c) { return c == L'-' || (iswascii(c) && iswalnum(c)); }
+
+class KeyNames : public LogFolderTest {
+protected:
+    void SetUp() override { LogFolderTest::SetUp(); Attach(10, 0); }
+    void TearDown() override { KspModuleDetach(); LogFolderTest::TearDown(); }
+    bool Logged(const std::string &line) const { return ReadTodaysLog(dir_).find(line + "\r\n") != std::string::npos; }
+};
+
+// A KeyBundle as the vault returns it, with the key members and the tags given as JSON text.
+std::string Bundle(const std::string &key, const std::string &tags = "")
+{
+    std::string json = "{\"key\":{\"kid\":\"https://kv.vault.azure.net/keys/k/78deebed173b48e48f55abf87ed4cf71\"," +
+                       key + "},\"attributes\":{\"enabled\":true}";
+    return json + (tags.empty() ? "" : ",\"tags\":" + tags) + "}";
+}
+const std::string kRsa = "\"kty\":\"RSA\",\"key_ops\":[\"encrypt\",\"decrypt\",\"sign\",\"verify\",\"wrapKey\","
+                         "\"unwrapKey\"],\"n\":\"" + std::string(341, 'A') + "w\",\"e\":\"AQAB\"";
+std::string Ec(const char *kty, const char *crv, const char *ops, int coordChars)
+{
+    std::string coord(coordChars, 'A');
+    return std::string("\"kty\":\"") + kty + "\",\"key_ops\":[" + ops + "],\"crv\":\"" + crv + "\",\"x\":\"" + coord +
+           "\",\"y\":\"" + coord + "\"";
+}
+
+struct ParsedKey : KVKey {
+    ParsedKey() { memset(static_cast<KVKey *>(this), 0, sizeof(KVKey)); }
+    ~ParsedKey() { KVCFreeKVKey(this); }
+};
+
+} // namespace
+
+TEST_F(KeyNames, EncodingTableRoundTripsBothWays)
+{
+    for (const NameCase &c : kEncodingTable) {
+        WCHAR encoded[KVC_ENCODED_NAME_CHARS], clear[KVC_CLEAR_NAME_CHARS];
+        DWORD fEncoded = 7, fDecoded = 7;
+        ASSERT_EQ(KVCConvertClearKeyNameToEncoded(c.clear.c_str(), encoded, &fEncoded), 1);
+        EXPECT_EQ(encoded, c.encoded);
+        ASSERT_EQ(KVCConvertEncodedKeyNameToClear(c.encoded.c_str(), clear, &fDecoded), 1);
+        EXPECT_EQ(clear, c.clear);
+        EXPECT_EQ(fEncoded, c.clear != c.encoded ? 1u : 0u);
+        EXPECT_EQ(fDecoded, fEncoded);
+    }
+}
+
+TEST_F(KeyNames, EveryNameUpTo42CharactersRoundTripsAndEncodedNamesAreLonger)
+{
+    std::mt19937 rng(20240611);
+    for (int i = 0; i < 4000; ++i) {
+        size_t len = 1 + rng() % 42;
+        std::wstring name;
+        const bool vaultAlphabet = i % 4 == 0; // names that may be copied unchanged
+        for (size_t j = 0; j < len; ++j)
+            name += vaultAlphabet ? L"-0aZ9q"[rng() % 6] : static_cast<wchar_t>(1 + rng() % 65535);
+        WCHAR encoded[KVC_ENCODED_NAME_CHARS], clear[KVC_CLEAR_NAME_CHARS];
+        DWORD fEncoded = 0;
+        bool copyable = name[0] != L'-' && std::all_of(name.begin(), name.end(), IsVaultChar);
+        if (!KVCConvertClearKeyNameToEncoded(name.c_str(), encoded, &fEncoded)) {
+            EXPECT_TRUE(copyable && len == 42) << i;
+            continue;
+        }
+        EXPECT_EQ(fEncoded, copyable ? 0u : 1u) << i;
+        EXPECT_TRUE(fEncoded ? wcslen(encoded) >= 43 : wcslen(encoded) <= 41) << i;
+        ASSERT_EQ(KVCConvertEncodedKeyNameToClear(encoded, clear, nullptr), 1) << i;
+        EXPECT_EQ(clear, name) << i;
+    }
+}
+
+TEST_F(KeyNames, EdgeNamesAreCopiedDecodedOrRefusedCleanly)
+{
+    WCHAR out[KVC_ENCODED_NAME_CHARS];
+    EXPECT_EQ(KVCConvertClearKeyNameToEncoded(L"", out, nullptr), 1);
+    EXPECT_STREQ(out, L"");
+    EXPECT_EQ(KVCConvertClearKeyNameToEncoded(std::wstring(41, L'a').c_str(), out, nullptr), 1);
+    EXPECT_EQ(KVCConvertClearKeyNameToEncoded(std::wstring(42, L'a').c_str(), out, nullptr), 0);
+    EXPECT_TRUE(Logged("KVCConvertClearKeyNameToEncoded Name Too Long " + std::string(42, 'a') + " 1"));
+    EXPECT_EQ(KVCConvertClearKeyNameToEncoded(std::wstring(43, L' ').c_str(), out, nullptr), 0);
+    EXPECT_EQ(KVCConvertClearKeyNameToEncoded(nullptr, out, nullptr), 0);
+
+    const std::wstring fill(40, L'z');
+    struct { std::wstring vaultName; int result; std::wstring clear; } decodes[] = {
+        {L"-Az" + fill, 0, L""},                               // filler inside a group
+        {L"-AAz" + fill, 0, L""},
+        {L"-P{A" + fill, 0, L""},                              // above "x": never a digit
+        {L"-PBy" + fill, 0, L""},                              // a "y": taken as clear, too long to copy
+        {std::wstring(42, L'a'), 0, L""},
+        {std::wstring(43, L'a'), 0, L""},
+        {L"-PBAAAAPBA" + fill, 1, L"A"},                       // a zero value ends the name
+        {L"-PBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAgA", 1, std::wstring(14, L'A') + L" "}, // cut by the end
+    };
+    for (const auto &d : decodes) {
+        WCHAR clear[KVC_CLEAR_NAME_CHARS];
+        std::string shown = Narrow(d.vaultName);
+        EXPECT_EQ(KVCConvertEncodedKeyNameToClear(d.vaultName.c_str(), clear, nullptr), d.result) << shown;
+        EXPECT_EQ(clear, d.clear) << shown;
+    }
+    EXPECT_TRUE(Logged("KVCConvertEncodedKeyNameToClear Name Too Long 1"));
+}
+
+TEST_F(KeyNames, ParsesVaultKeysAndDerivesTheCngAlgorithm)
+{
+    struct { std::string json; const wchar_t *algId; DWORD isEC, xSize; } cases[] = {
+        {Bundle(kRsa, "{\"AlgID\":\"ECDSA_P256\"}"), L"RSA", 0, 0},
+        {Bundle(kRsa), L"", 0, 0},
+        {Bundle(Ec("EC", "P-384", "\"sign\",\"verify\"", 64), "{\"purpose\":\"unit test\"}"), L"ECDSA_P384", 1, 48},
+        {Bundle(Ec("EC-HSM", "P-256", "\"deriveKey\"", 43), "{}"), L"ECDH_P256", 1, 32},
+        {Bundle(Ec("EC", "P-521", "\"sign\"", 88), "{\"AlgID\":\"ECDH\"}"), L"ECDH_P521", 1, 66},
+        {Bundle(Ec("EC", "P-256", "\"deriveKey\"", 43), "{\"AlgID\":\"ECDSA\"}"), L"ECDSA_P256", 1, 32},
+        {Bundle(Ec("EC", "Ed25519", "\"sign\"", 43), "{\"AlgID\":\"ECDH_K\"}"), L"ECDH_K", 1, 32},
+        {Bundle(Ec("EC", "P-384", "\"deriveKey\"", 64), "{\"AlgID\":\"ECDSA_P384_EXTRA_LONG\"}"), L"ECDH_P384", 1, 48},
+        {Bundle(Ec("EC", "P-256", "\"deriveKey\"", 43), "{\"AlgID\":7}"), L"ECDH_P256", 1, 32},
+        {Bundle(Ec("ec", "P-256", "\"sign\"", 43), "{}"), L"RSA", 0, 32},
+    };
+    for (const auto &c : cases) {
+        ParsedKey key;
+        ASSERT_EQ(KVCParseJSONKey(kEncodingTable[1].encoded.c_str(), c.json.c_str(), &key), 1);
+        EXPECT_EQ(key.valid, 1u);
+        EXPECT_STREQ(key.AlgID, c.algId) << c.json;
+        EXPECT_EQ(key.isEC, c.isEC) << c.json;
+        EXPECT_EQ(key.x_siz, c.xSize) << c.json;
+        EXPECT_EQ(key.y_siz, c.xSize) << c.json;
+        EXPECT_STREQ(key.clearName, L"My Key");
+        EXPECT_STREQ(key.version, L"78deebed173b48e48f55abf87ed4cf71");
+    }
+    ParsedKey rsa;
+    ASSERT_EQ(KVCParseJSONKey(L"web-server-01", Bundle(kRsa).c_str(), &rsa), 1);
+    EXPECT_STREQ(rsa.kty, L"RSA");
+    EXPECT_STREQ(rsa.key_ops, L"encrypt,decrypt,sign,verify,wrapKey,unwrapKey");
+    ASSERT_EQ(rsa.e_siz, 3u);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(rsa.e), 3), std::string("\x01\x00\x01", 3));
+    EXPECT_EQ(rsa.n_siz, 256u);
+    KVCFreeKVKey(&rsa);
+    EXPECT_TRUE(!rsa.kty && !rsa.e && !rsa.n && !rsa.key_ops);
+    EXPECT_EQ(rsa.n_siz, 256u);
+}
+
+TEST_F(KeyNames, OddBodiesAndArgumentsNeverFault)
+{
+    ParsedKey key;
+    EXPECT_EQ(KVCParseJSONKey((L"-Az" + std::wstring(40, L'z')).c_str(), "<html>Bad Gateway</html>", &key), 1);
+    EXPECT_EQ(key.valid, 1u);
+    EXPECT_STREQ(key.clearName, L"InvalidName");
+    EXPECT_TRUE(!key.kty && !key.n && key.AlgID[0] == 0);
+
+    const char *wrongTypes =
+        "{\"key\":{\"kid\":5,\"kty\":[\"RSA\"],\"n\":12,\"key_ops\":\"sign\",\"crv\":{}},\"tags\":[1]}";
+    ASSERT_EQ(KVCParseJSONKey(L"k", wrongTypes, &key), 1);
+    EXPECT_TRUE(!key.kty && !key.n && !key.key_ops && !key.crv && key.version[0] == 0 && key.AlgID[0] == 0);
+    ASSERT_EQ(KVCParseJSONKey(L"k", "{\"key\":\"RSA\",\"tags\":{}}", &key), 1);
+    EXPECT_STREQ(key.AlgID, L"RSA");
+
+    std::string longKid = "{\"key\":{\"kid\":\"https://kv/keys/k/" + std::string(200, '7') + "\"}}";
+    ASSERT_EQ(KVCParseJSONKey(L"k", longKid.c_str(), &key), 1);
+    EXPECT_EQ(std::wstring(key.version), std::wstring(128, L'7'));
+
+    EXPECT_EQ(KVCParseJSONKey(std::wstring(129, L'a').c_str(), "{}", &key), 0);
+    EXPECT_EQ(KVCParseJSONKey(L"k", "{}", nullptr), 0);
+    EXPECT_EQ(KVCParseJSONKey(nullptr, "{}", &key), 0);
+    EXPECT_EQ(KVCParseJSONKey(L"k", nullptr, &key), 0);
+    for (const char *line : {"KVCParseJSONKey KeyName Too Long 1", "KVCParseJSONKey theKey NULL 1",
+                             "KVCParseJSONKey KeyName NULL 1", "KVCParseJSONKey KeyJSON NULL 1"})
+        EXPECT_TRUE(Logged(line)) << line;
+}
