@@ -139,3 +139,56 @@ struct KVKey {
 int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theKey);
 // Frees the owned members of a valid record and sets them to null; sizes and valid stay.
 void KVCFreeKVKey(KVKey *theKey);
+
+// ---- Throttling ---------------------------------------------------------------------------
+
+// How one vault operation waits out HTTP 429: the wait starts at dwWaitMs and doubles after
+// each sleep. Operations differ in where the bound is tested, and so in how many calls they make:
+//  - fTestBeforeSleep TRUE: a wait longer than dwMaxWaitMs is not taken and the loop ends, so
+//    1, 2, 4, 8, 16 s allow six calls;
+//  - FALSE: the wait is always taken and the loop goes on only while the next wait stays within
+//    dwMaxWaitMs, so the same waits allow five calls, the last one followed by a wasted wait.
+struct KVC_THROTTLE {
+    const WCHAR *pszThrottledMsg; // logged with the status (level 2) for every 429
+    DWORD dwWaitMs;
+    DWORD dwMaxWaitMs;
+    BOOL fTestBeforeSleep;
+};
+
+// Called after each REST call with the client's last status: 1 when the operation should call
+// again (the status was 429 and the wait was taken), 0 when it should go on with what it has.
+int KVCThrottleWait(KVC_THROTTLE *pThrottle, DWORD dwStatus);
+
+// ---- Key listing and lookup ---------------------------------------------------------------
+
+// Lists the vault's keys as CNG (clear) names, following "nextLink" pages. *pppNames receives
+// an array of *pcCount names, each and the array freed by the caller with free. 1 when the last
+// page was answered with 200.
+int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount);
+// Reads one key by its CNG name into *pKey (zeroed first). fSuppress lowers the failure
+// messages to level 10 for callers that expect the key may not exist. 1 when the key was read.
+int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress);
+
+// ---- Certificate retrieval ----------------------------------------------------------------
+
+// Lists the vault's certificates: two process-heap tables (one HeapFree each) of *pcCount
+// pointers followed by their 128-character slots, the clear names and the "x5t" thumbprints
+// (base64url, as received). TRUE only when the last status is 200.
+BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCount);
+// One certificate's DER by its vault name. pBlob->pbData null: allocated (free); else copied
+// into the caller's buffer of pBlob->cbData bytes. pBlob->cbData receives the length.
+BOOL KVCGetCert(KVC *kvc, const WCHAR *pszCertName, DATA_BLOB *pBlob);
+
+// ---- Certificate store integration and sync -----------------------------------------------
+
+// Pulls vault certificates not yet pulled into the local machine's "My" store, at most once
+// per sync interval (FromKVLastSyncTime, CertSync under HKEY_LOCAL_MACHINE).
+void KVCSyncCertsFromKVToMachine(KVC *kvc);
+// Adds one DER certificate to the local machine's "My" store bound to this provider under the
+// clear key name. The placeholder certificate counts as done without touching the store.
+BOOL KVCPropogateCertificateFromKeyVault(const WCHAR *pszName, DWORD dwReserved, DATA_BLOB *pCert);
+// Finds the store certificate bound to the clear key name (latest NotBefore wins): its DER into
+// pbCert (capacity and length in *pcbCert), its SHA-1 into pbHash (*pcbHash), its X.500 subject
+// into pszSubject (8000 characters). fUser: the current user's store, else the local machine's.
+BOOL KVCEvaluateCertsInStore(BOOL fUser, const WCHAR *pszName, BYTE *pbCert, DWORD *pcbCert, BYTE *pbHash,
+                             DWORD *pcbHash, WCHAR *pszSubject);
