@@ -2,6 +2,10 @@
 // Memory: calloc/realloc/free; the caller frees what a function returns.
 #pragma once
 
+#include <windows.h>
+
+#include <wincrypt.h> // DATA_BLOB, the shape of a certificate's bytes
+
 #include <initializer_list>
 
 #include "support/bldstr.h"
