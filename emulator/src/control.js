@@ -3,6 +3,9 @@
 // inspect the emulator. Its own requests are not logged.
 const { guid, readBody, send, splitUrl } = require('./util');
 const keystore = require('./keystore');
+const certificates = require('./certificates');
+const certstore = require('./certstore');
+const x509 = require('./x509');
 const script = require('./script');
 const requestlog = require('./requestlog');
 
@@ -66,22 +69,71 @@ function configureVault(store, name, b) {
     v.pageSizes = b.pageSizes.slice();
   }
   if (b.tenant !== undefined) v.tenant = b.tenant || null;
+  if (b.recoverableDays !== undefined) {
+    need(Number.isInteger(b.recoverableDays) && b.recoverableDays >= 7 && b.recoverableDays <= 90,
+      'recoverableDays must be a whole number from 7 to 90');
+    v.recoverableDays = b.recoverableDays;
+  }
+  for (const k of ['deleteWindowRequests', 'deleteWindowMs', 'certificatePolls']) {
+    if (b[k] !== undefined) {
+      need(Number.isInteger(b[k]) && b[k] >= 0, `${k} must be a whole number`);
+      v[k] = b[k];
+    }
+  }
   return describeVault(store, v);
 }
+
+const names = (map) => keystore.byUpperName(Array.from(map.values()).map((e) => e.record || e)).map((e) => e.record.name);
 
 function describeVault(store, v) {
   return {
     name: v.name, tier: v.tier, pageSizes: v.pageSizes, tenant: store.vaultTenant(v),
+    recoverableDays: v.recoverableDays, deleteWindowRequests: v.deleteWindowRequests,
+    deleteWindowMs: v.deleteWindowMs, certificatePolls: v.certificatePolls,
     keys: keystore.sortedKeys(v).map((k) => k.record.name),
+    certificates: names(v.certificates),
+    deletedKeys: names(v.deletedKeys),
+    deletedCertificates: names(v.deletedCertificates),
   };
+}
+
+// Errors of seeding that are the caller's: bad JWKs, policies, certificates.
+function seedError(e) {
+  if (e instanceof keystore.JwkError || e instanceof certstore.PolicyError || e instanceof x509.X509Error ||
+      e instanceof certificates.CertError) {
+    return new ControlError(400, e.message);
+  }
+  return e;
+}
+
+async function seedCertificate(store, name, b) {
+  need(b && keystore.validName(b.name), 'name must match ^[0-9a-zA-Z-]{1,127}$');
+  const vault = store.vault(name);
+  need(!vault.deletedCertificates.has(b.name.toLowerCase()) && !vault.deletedKeys.has(b.name.toLowerCase()),
+    `${b.name} is soft-deleted in this vault`);
+  const key = keystore.findKey(vault, b.name);
+  need(!key || keystore.findVersion(key, null).managed, `${b.name} is a key that does not belong to a certificate`);
+  try {
+    return await certificates.seed(vault, b);
+  } catch (e) {
+    throw seedError(e);
+  }
 }
 
 async function createKey(store, name, b) {
   const problem = keystore.checkRequest(b);
   need(!problem, problem);
   const vault = store.vault(name);
-  const version = await keystore.addKey(vault, b);
-  return keystore.bundle(`https://${vault.name}.vault.azure.net`, keystore.findKey(vault, b.name), version, '7.4');
+  need(!vault.deletedKeys.has(b.name.toLowerCase()), `${b.name} is soft-deleted in this vault`);
+  const badVersion = keystore.checkVersion(vault, b);
+  need(!badVersion, badVersion);
+  let version;
+  try {
+    version = await keystore.addKey(vault, b);
+  } catch (e) {
+    throw seedError(e);
+  }
+  return keystore.bundle(`https://${vault.name}.vault.azure.net`, vault, keystore.findKey(vault, b.name), version, '7.4');
 }
 
 function publicRequests(store, params) {
@@ -102,7 +154,9 @@ const ROUTES = [
   ['DELETE', /^\/tokens$/, (s) => { s.state.tokens.clear(); return [200, { ok: true }]; }],
   ['PUT', /^\/vaults\/([0-9a-zA-Z-]+)$/, (s, b, m) => [200, configureVault(s, m[1], b)]],
   ['GET', /^\/vaults\/([0-9a-zA-Z-]+)$/, (s, b, m) => [200, describeVault(s, s.vault(m[1]))]],
+  ['DELETE', /^\/vaults\/([0-9a-zA-Z-]+)$/, (s, b, m) => { s.state.vaults.delete(m[1].toLowerCase()); return [200, { ok: true }]; }],
   ['POST', /^\/vaults\/([0-9a-zA-Z-]+)\/keys$/, async (s, b, m) => [200, await createKey(s, m[1], b)]],
+  ['POST', /^\/vaults\/([0-9a-zA-Z-]+)\/certificates$/, async (s, b, m) => [200, await seedCertificate(s, m[1], b)]],
   ['POST', /^\/script$/, (s, b) => { const e = script.validate(b); need(!e, e); script.add(s, b); return [200, { ok: true }]; }],
   ['GET', /^\/script$/, (s) => [200, s.state.scripts]],
   ['DELETE', /^\/script$/, (s) => { s.state.scripts = []; return [200, { ok: true }]; }],

@@ -1,167 +1,253 @@
 'use strict';
-// Key Vault data plane, keys collection: listing and lookup.
-const { guid, header, send, splitUrl, nowSeconds } = require('./util');
-const jwt = require('./jwt');
+// Key Vault data plane, keys collection: listing, lookup, versions,
+// create, import, update, delete, backup and restore. Key operations
+// (sign, encrypt, ...) are in cryptography.js, deleted keys in deleted.js.
+const crypto = require('crypto');
+const { b64url } = require('./util');
+const http = require('./vaulthttp');
 const keystore = require('./keystore');
-const paging = require('./paging');
+const listing = require('./listing');
+const deleted = require('./deleted');
+const cryptography = require('./cryptography');
 
-const VAULT_RESOURCE = 'https://vault.azure.net';
-const MAX_PAGE = 25;
+const HSM_REFUSAL = 'Hardware key operation not allowed on standard vault';
+const BACKUP_HEAD = '&AzureKeyVaultKeyBackupV1.microsoft.com';
 
-function vaultHost(req) {
-  return (req.headers.host || '').replace(/:\d+$/, '').toLowerCase();
+function badName(ctx, name) {
+  if (keystore.validName(name)) return false;
+  http.badParameter(ctx, `The request URI contains an invalid name: ${name}`);
+  return true;
 }
 
-function baseHeaders(req, store) {
-  const ip = (req.socket.remoteAddress || '').replace(/^::ffff:/, '');
-  const h = {
-    'cache-control': 'no-cache',
-    pragma: 'no-cache',
-    'content-type': 'application/json; charset=utf-8',
-    expires: '-1',
-    'x-ms-keyvault-region': store.settings.region,
-    'x-ms-request-id': guid(),
-    'x-ms-keyvault-service-version': store.settings.serviceVersion,
-    'x-ms-keyvault-network-info': `conn_type=Ipv4;addr=${ip};act_addr_fam=InterNetwork;`,
-    'strict-transport-security': 'max-age=31536000;includeSubDomains',
-    'x-content-type-options': 'nosniff',
-  };
-  const clientId = header(req, 'x-ms-client-request-id');
-  if (clientId) h['x-ms-client-request-id'] = clientId;
-  return h;
-}
-
-const kvError = (code, message) => ({ error: { code, message } });
-
-function unauthorized(ctx, message) {
-  const headers = Object.assign(baseHeaders(ctx.req, ctx.store), {
-    'www-authenticate': `Bearer authorization="https://login.windows.net/${ctx.store.vaultTenant(ctx.vault)}", ` +
-      `resource="${VAULT_RESOURCE}"`,
-  });
-  send(ctx.res, 401, headers, kvError('Unauthorized', message));
-}
-
-// Answers the failure text for a bearer token the vault refuses, or null.
-function tokenProblem(ctx, token) {
-  const claims = ctx.store.state.tokens.get(token);
-  if (!claims) {
-    const parts = token.split('.');
-    if (parts.length !== 3) return 'AKV10000: Request is missing a Bearer or PoP token.';
-    return `AKV10046: Unable to resolve the key used for signature validation. EncodedJwtHeader: '${parts[0]}'.`;
-  }
-  if (claims.exp <= nowSeconds()) return 'AKV10013: Token has expired.';
-  if (claims.aud.replace(/\/$/, '') !== VAULT_RESOURCE) {
-    return `AKV10022: Invalid audience. Expected ${VAULT_RESOURCE}, found: ${claims.aud}.`;
-  }
-  if (ctx.vault.tenant && claims.tid.toLowerCase() !== ctx.vault.tenant.toLowerCase()) {
-    return `AKV10032: Invalid issuer. Expected one of https://sts.windows.net/${ctx.vault.tenant}/, ` +
-      `found: ${claims.iss}.`;
-  }
-  return null;
-}
-
-function authorized(ctx) {
-  const m = /^Bearer\s+(\S+)\s*$/i.exec(header(ctx.req, 'authorization') || '');
-  const problem = m ? tokenProblem(ctx, m[1]) : 'AKV10000: Request is missing a Bearer or PoP token.';
-  if (problem) unauthorized(ctx, problem);
-  return !problem;
-}
-
-function answer(ctx, status, body) {
-  send(ctx.res, status, baseHeaders(ctx.req, ctx.store), body);
-}
-
-function badParameter(ctx, message) {
-  answer(ctx, 400, kvError('BadParameter', message));
-}
-
-function notFound(ctx, id) {
-  answer(ctx, 404, kvError('KeyNotFound', `A key with (name/id) ${id} was not found in this key vault. ` +
-    'If you recently deleted this key you may be able to recover it using the correct recovery ' +
-    'command. For help resolving this issue, please see https://go.microsoft.com/fwlink/?linkid=2125182'));
-}
-
-function readMaxResults(ctx) {
-  const raw = ctx.params.maxresults;
-  if (raw === undefined) return { size: MAX_PAGE };
-  const n = /^\d+$/.test(raw) ? Number(raw) : NaN;
-  if (!(n >= 1 && n <= MAX_PAGE)) {
-    badParameter(ctx, `Invalid value '${raw}' for maxresults. It must be between 1 and ${MAX_PAGE}.`);
+function lookup(ctx, name, version) {
+  const record = keystore.findKey(ctx.vault, name);
+  const v = record && keystore.findVersion(record, version);
+  if (!v) {
+    http.notFound(ctx, 'key', version ? `${name}/${version}` : name);
     return null;
   }
-  return { size: n, raw };
+  return { record, v };
 }
 
 function listKeys(ctx) {
-  const max = readMaxResults(ctx);
-  if (!max) return;
-  let at = { upperName: null, page: 0 };
-  if (ctx.params.$skiptoken !== undefined) {
-    at = paging.decode(ctx.params.$skiptoken);
-    if (!at) {
-      badParameter(ctx, 'The skip token is not valid.');
-      return;
-    }
-  }
-  const page = paging.cut(keystore.sortedKeys(ctx.vault), at, ctx.vault.pageSizes, max.size);
-  const base = `https://${ctx.host}`;
-  let nextLink = null;
-  if (page.next) {
-    nextLink = `${base}:443/keys?api-version=${encodeURIComponent(ctx.apiVersion)}&$skiptoken=${page.next}` +
-      (max.raw !== undefined ? `&maxresults=${max.raw}` : '');
-  }
-  answer(ctx, 200, {
-    value: page.items.map((k) => keystore.item(base, k.record, ctx.apiVersion)),
-    nextLink,
+  const live = Array.from(ctx.vault.keys.values());
+  const gone = Array.from(ctx.vault.deletedKeys.values()).map((e) => e.record);
+  const entries = keystore.byUpperName(live.concat(gone))
+    .map((e) => (live.includes(e.record) ? e : Object.assign(e, { hidden: true })));
+  listing.list(ctx, {
+    entries, path: '/keys', prefix: 'key/',
+    toItem: (record) => keystore.item(ctx.base, ctx.vault, record, ctx.apiVersion),
+  });
+}
+
+function listVersions(ctx, name) {
+  const found = lookup(ctx, name, '');
+  if (!found) return;
+  const entries = found.record.versions
+    .map((v) => ({ upper: v.version.toUpperCase(), record: v }))
+    .sort((a, b) => (a.upper < b.upper ? -1 : 1));
+  listing.list(ctx, {
+    entries, path: `/keys/${found.record.name}/versions`, prefix: `key/${found.record.name.toUpperCase()}/`,
+    toItem: (v) => keystore.versionItem(ctx.base, ctx.vault, found.record, v, ctx.apiVersion),
   });
 }
 
 function getKey(ctx, name, version) {
-  if (!keystore.validName(name)) {
-    badParameter(ctx, `The request URI contains an invalid name: ${name}`);
-    return;
-  }
+  const found = lookup(ctx, name, version);
+  if (found) http.answer(ctx, 200, keystore.bundle(ctx.base, ctx.vault, found.record, found.v, ctx.apiVersion));
+}
+
+// A key that backs a certificate is changed through the certificate.
+function refuseManaged(ctx, name) {
   const record = keystore.findKey(ctx.vault, name);
-  const v = record && keystore.findVersion(record, version);
-  if (!v) {
-    notFound(ctx, version ? `${name}/${version}` : name);
-    return;
-  }
-  answer(ctx, 200, keystore.bundle(`https://${ctx.host}`, record, v, ctx.apiVersion));
+  const managed = (record && keystore.findVersion(record, null).managed) || ctx.vault.certificates.has(name.toLowerCase());
+  if (!managed) return false;
+  http.conflict(ctx, `Key ${name} is managed by certificate ${name}; use the certificate to change it.`);
+  return true;
 }
 
-// Segments after "keys": [name, version, action]; an empty version means
-// the latest one, as in "/keys/name//sign".
-function route(ctx, segments) {
-  const rest = segments.slice(1);
-  while (rest.length && rest[rest.length - 1] === '') rest.pop();
+// The checks of a create or import request; answers true after refusing.
+function refuseKeyType(ctx, kty) {
+  if (typeof kty !== 'string' || !kty) {
+    http.badParameter(ctx, "Property 'kty' is required.\r\n");
+    return true;
+  }
+  if (!keystore.KTYS.includes(kty)) {
+    http.badParameter(ctx, `Invalid kty value: ${kty}`, 'KeyTypeNotSupported');
+    return true;
+  }
+  if (keystore.isHsm(kty) && ctx.vault.tier !== 'premium') {
+    http.forbidden(ctx, HSM_REFUSAL);
+    return true;
+  }
+  return false;
+}
+
+function refuseOpsAndTags(ctx, body) {
+  if (body.key_ops !== undefined && !keystore.validOps(body.key_ops)) {
+    http.badParameter(ctx, "Property 'key_ops' has an invalid value.");
+    return true;
+  }
+  if (body.tags !== undefined && (body.tags === null || typeof body.tags !== 'object' || Array.isArray(body.tags))) {
+    http.badParameter(ctx, "Property 'tags' has an invalid value.");
+    return true;
+  }
+  return false;
+}
+
+async function createKey(ctx, name) {
+  const body = http.jsonBody(ctx);
+  if (!body) return;
+  const kty = body.kty;
+  if (refuseKeyType(ctx, kty)) return;
+  if (keystore.isRsa(kty) && body.key_size !== undefined && !keystore.RSA_SIZES.includes(keystore.keySize(body.key_size))) {
+    http.badParameter(ctx, `Invalid key_size value: ${JSON.stringify(body.key_size)}`);
+    return;
+  }
+  if (!keystore.isRsa(kty) && body.crv !== undefined && !keystore.curveName(body.crv)) {
+    http.badParameter(ctx, `Invalid crv value: ${JSON.stringify(body.crv)}`);
+    return;
+  }
+  if (refuseOpsAndTags(ctx, body)) return;
+  if (deleted.refuseDeletedName(ctx, 'key', name)) return;
+  if (refuseManaged(ctx, name)) return;
+  const material = await keystore.makeMaterial({ kty, key_size: body.key_size, crv: body.crv });
+  const record = keystore.findKey(ctx.vault, name);
+  const v = keystore.addVersion(ctx.vault, record ? record.name : name, material,
+    { key_ops: body.key_ops, attributes: body.attributes, tags: body.tags });
+  http.answer(ctx, 200, keystore.bundle(ctx.base, ctx.vault, keystore.findKey(ctx.vault, name), v, ctx.apiVersion));
+}
+
+// PUT /keys/{name}: import a key given as a JWK with its private members.
+function importKey(ctx, name) {
+  const body = http.jsonBody(ctx);
+  if (!body) return;
+  const jwk = body.key;
+  if (!jwk || typeof jwk !== 'object') {
+    http.badParameter(ctx, "Property 'key' is required.\r\n");
+    return;
+  }
+  const kty = body.Hsm === true && typeof jwk.kty === 'string' && !keystore.isHsm(jwk.kty) ? `${jwk.kty}-HSM` : jwk.kty;
+  if (refuseKeyType(ctx, kty)) return;
+  if (!jwk.d) {
+    http.badParameter(ctx, 'The key to import has no private part.');
+    return;
+  }
+  let material;
+  try {
+    material = keystore.materialFromJwk(Object.assign({}, jwk, { kty }));
+  } catch (e) {
+    http.badParameter(ctx, e.message);
+    return;
+  }
+  const ops = Array.isArray(jwk.key_ops) ? jwk.key_ops : body.key_ops;
+  if (refuseOpsAndTags(ctx, { key_ops: ops, tags: body.tags })) return;
+  if (deleted.refuseDeletedName(ctx, 'key', name)) return;
+  if (refuseManaged(ctx, name)) return;
+  const record = keystore.findKey(ctx.vault, name);
+  const v = keystore.addVersion(ctx.vault, record ? record.name : name, material,
+    { key_ops: ops, attributes: body.attributes, tags: body.tags });
+  http.answer(ctx, 200, keystore.bundle(ctx.base, ctx.vault, keystore.findKey(ctx.vault, name), v, ctx.apiVersion));
+}
+
+// PATCH /keys/{name}[/{version}]: key_ops, attributes and tags.
+function updateKey(ctx, name, version) {
+  const body = http.jsonBody(ctx);
+  if (!body) return;
+  const found = lookup(ctx, name, version);
+  if (!found) return;
+  if (refuseOpsAndTags(ctx, body)) return;
+  const { v } = found;
+  if (body.key_ops !== undefined) v.keyOps = body.key_ops.slice();
+  if (body.tags !== undefined) v.tags = Object.assign({}, body.tags);
+  const a = body.attributes && typeof body.attributes === 'object' ? body.attributes : {};
+  if (a.enabled !== undefined) v.attributes.enabled = Boolean(a.enabled);
+  for (const t of ['nbf', 'exp']) {
+    if (a[t] === null) delete v.attributes[t];
+    else if (Number.isInteger(a[t])) v.attributes[t] = a[t];
+  }
+  // Keep the service's member order: enabled, nbf, exp, created, updated.
+  const { enabled, nbf, exp, created } = v.attributes;
+  v.attributes = { enabled };
+  if (nbf !== undefined) v.attributes.nbf = nbf;
+  if (exp !== undefined) v.attributes.exp = exp;
+  v.attributes.created = created;
+  v.attributes.updated = Math.floor(Date.now() / 1000);
+  http.answer(ctx, 200, keystore.bundle(ctx.base, ctx.vault, found.record, v, ctx.apiVersion));
+}
+
+function deleteKey(ctx, name) {
+  const found = lookup(ctx, name, '');
+  if (!found) return;
+  if (found.v.managed) {
+    http.forbidden(ctx, `Key ${name} is managed by a certificate; delete the certificate instead.`);
+    return;
+  }
+  ctx.vault.keys.delete(name.toLowerCase());
+  const entry = deleted.softDelete(ctx.vault, 'key', found.record);
+  http.answer(ctx, 200, keystore.deletedBundle(ctx.base, ctx.vault, entry, ctx.apiVersion));
+}
+
+function backupKey(ctx, name) {
+  const found = lookup(ctx, name, '');
+  if (!found) return;
+  const blob = b64url(Buffer.concat([Buffer.from(BACKUP_HEAD), crypto.randomBytes(48)]));
+  ctx.store.state.backups.set(blob, found.record);
+  http.answer(ctx, 200, { value: blob });
+}
+
+function restoreKey(ctx) {
+  const body = http.jsonBody(ctx);
+  if (!body) return;
+  const record = typeof body.value === 'string' ? ctx.store.state.backups.get(body.value.replace(/=+$/, '')) : null;
+  if (!record) {
+    http.badParameter(ctx, 'Backup blob contains invalid or corrupt version.');
+    return;
+  }
+  if (keystore.findKey(ctx.vault, record.name)) {
+    http.conflict(ctx, `Key ${record.name} already exists.`);
+    return;
+  }
+  if (deleted.refuseDeletedName(ctx, 'key', record.name)) return;
+  ctx.vault.keys.set(record.name.toLowerCase(), record);
+  const v = keystore.findVersion(record, null);
+  http.answer(ctx, 200, keystore.bundle(ctx.base, ctx.vault, record, v, ctx.apiVersion));
+}
+
+function notSupported(ctx) {
+  http.answer(ctx, 405, http.kvError('BadParameter', `Operation ${ctx.req.method} ${ctx.path} is not supported.`));
+}
+
+// rest: the path segments after "keys", trailing empty ones removed; an
+// empty version segment means the latest version, as in "/keys/name//sign".
+async function route(ctx, rest) {
   const method = ctx.req.method;
-  if (rest.length === 0 && method === 'GET') return listKeys(ctx);
-  if (rest.length > 0 && rest.length <= 2 && method === 'GET') return getKey(ctx, rest[0], rest[1] || '');
-  return answer(ctx, 405, kvError('BadParameter', `Operation ${method} ${ctx.path} is not supported.`));
-}
-
-async function handle(req, res, { route: r }) {
-  const { path, params } = splitUrl(req.url);
-  const ctx = {
-    req, res, store: this.store, vault: this.store.vault(r.vault), host: vaultHost(req), path, params,
-    apiVersion: params['api-version'],
-  };
-  if (!authorized(ctx)) return;
-  if (!ctx.apiVersion) {
-    badParameter(ctx, 'The api-version query parameter is missing.');
-    return;
+  if (rest.length === 0) return method === 'GET' ? listKeys(ctx) : notSupported(ctx);
+  if (rest.length === 1 && rest[0].toLowerCase() === 'restore' && method === 'POST') return restoreKey(ctx);
+  const name = rest[0];
+  if (badName(ctx, name)) return undefined;
+  if (rest.length === 1) {
+    if (method === 'GET') return getKey(ctx, name, '');
+    if (method === 'PUT') return importKey(ctx, name);
+    if (method === 'PATCH') return updateKey(ctx, name, '');
+    if (method === 'DELETE') return deleteKey(ctx, name);
+    return notSupported(ctx);
   }
-  const segments = path.split('/').slice(1);
-  if (segments[0].toLowerCase() !== 'keys') {
-    answer(ctx, 404, kvError('NotFound', `The path ${path} is not supported.`));
-    return;
+  if (rest.length === 2) {
+    const second = rest[1].toLowerCase();
+    if (method === 'POST' && second === 'create') return createKey(ctx, name);
+    if (method === 'POST' && second === 'backup') return backupKey(ctx, name);
+    if (method === 'GET' && second === 'versions') return listVersions(ctx, name);
+    if (method === 'GET') return getKey(ctx, name, rest[1]);
+    if (method === 'PATCH') return updateKey(ctx, name, rest[1]);
+    return notSupported(ctx);
   }
-  route(ctx, segments);
+  if (rest.length === 3 && method === 'POST' && cryptography.ACTIONS[rest[2].toLowerCase()]) {
+    const found = lookup(ctx, name, rest[1]);
+    if (found) cryptography.operate(ctx, found.record, found.v, rest[2]);
+    return undefined;
+  }
+  return notSupported(ctx);
 }
 
-function create(store) {
-  return { store, handle, baseHeaders: (req) => baseHeaders(req, store) };
-}
-
-module.exports = { create };
+module.exports = { route, HSM_REFUSAL };

@@ -11,7 +11,7 @@ const { Store } = require('./store');
 const requestlog = require('./requestlog');
 const control = require('./control');
 const login = require('./login');
-const keys = require('./keys');
+const vault = require('./vault');
 const imds = require('./imds');
 const arc = require('./arc');
 const tlsgen = require('./tlsgen');
@@ -87,7 +87,7 @@ function scratch() {
 
 async function start(opts) {
   const store = new Store();
-  const vaultSide = { login: login.create(store), vault: keys.create(store) };
+  const vaultSide = { login: login.create(store), vault: vault.create(store) };
   const plan = [];
   if (opts.httpsPort !== undefined) {
     const tls = tlsMaterial(opts.tlsCert, opts.tlsKey, 'https');

@@ -24,6 +24,7 @@ function record(store, req, route, body) {
     tls: Boolean(sock.encrypted),
     newConnection: sock[REQUESTS_ON_SOCKET] === 1,
     status: null,
+    scripted: false,
     time: new Date().toISOString(),
   };
   if (route.vault) entry.vault = route.vault;
@@ -51,6 +52,7 @@ function frontDoor(store, listener, classify, services) {
     }
     const route = Object.assign({ listener, method: req.method }, classify(req));
     route.path = splitUrl(req.url).path;
+    route.body = body.toString('utf8');
     const entry = record(store, req, route, body);
     watchStatus(res, entry);
     const svc = services[route.service];
@@ -59,10 +61,12 @@ function frontDoor(store, listener, classify, services) {
       return;
     }
     const scripted = script.take(store, route);
-    if (scripted) {
+    if (scripted && !scripted.pass) {
+      entry.scripted = true;
       script.play(req, res, scripted, svc.baseHeaders(req));
       return;
     }
+    if (scripted) await script.wait(scripted);
     try {
       await svc.handle(req, res, { body, route });
     } catch (e) {

@@ -20,6 +20,7 @@ function freshState() {
     scripts: [],              // scripted answers, see script.js
     requests: [],             // request log, see requestlog.js
     arcKeys: new Map(),       // secret -> {file, used}
+    backups: new Map(),       // key backup blob -> the key record it saved
   };
 }
 
@@ -42,7 +43,20 @@ class Store {
     const key = name.toLowerCase();
     let v = this.state.vaults.get(key);
     if (!v) {
-      v = { name: key, tier: 'standard', pageSizes: [], tenant: null, keys: new Map() };
+      v = {
+        name: key,
+        tier: 'standard',
+        pageSizes: [],
+        tenant: null,
+        recoverableDays: 90,
+        deleteWindowRequests: 0,
+        deleteWindowMs: 0,
+        certificatePolls: 0,
+        keys: new Map(),            // lower-cased name -> {name, versions}
+        deletedKeys: new Map(),     // lower-cased name -> deleted entry, see deleted.js
+        certificates: new Map(),    // lower-cased name -> certificate record, see certificates.js
+        deletedCertificates: new Map(),
+      };
       this.state.vaults.set(key, v);
     }
     return v;

@@ -74,6 +74,8 @@ function collect(req, body) {
     req.on('response', (res) => {
       const chunks = [];
       res.on('data', (c) => chunks.push(c));
+      // A connection closed before the announced length arrived.
+      res.on('error', reject);
       res.on('end', () => {
         const text = Buffer.concat(chunks).toString('utf8');
         let json;
@@ -122,8 +124,17 @@ async function vaultToken(em, secret = 'app-secret') {
   return r.json.access_token;
 }
 
+// A caller of one vault: call(method, path, body?, headers?) with the token.
+function vaultCaller(em, host, token) {
+  return (method, urlPath, body, headers = {}) => azure(em, host, method, urlPath, {
+    headers: Object.assign({ Authorization: `Bearer ${token}` },
+      body === undefined ? {} : { 'Content-Type': 'application/json' }, headers),
+    body: body === undefined ? undefined : typeof body === 'string' ? body : JSON.stringify(body),
+  });
+}
+
 function decodeJwtPart(token, i) {
   return JSON.parse(Buffer.from(token.split('.')[i].replace(/-/g, '+').replace(/_/g, '/'), 'base64'));
 }
 
-module.exports = { startEmulator, azure, plain, ctl, vaultToken, decodeJwtPart, TENANT, CLIENT };
+module.exports = { startEmulator, azure, plain, ctl, vaultToken, vaultCaller, decodeJwtPart, TENANT, CLIENT };
