@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <wincrypt.h> // DATA_BLOB, the shape of a certificate's bytes
+#include <ncrypt.h>   // SECURITY_STATUS and the NTE_ codes vault operations hand to CNG
 
 #include <initializer_list>
 
@@ -196,3 +197,37 @@ BOOL KVCPropogateCertificateFromKeyVault(const WCHAR *pszName, DWORD dwReserved,
 // into pszSubject (8000 characters). fUser: the current user's store, else the local machine's.
 BOOL KVCEvaluateCertsInStore(BOOL fUser, const WCHAR *pszName, BYTE *pbCert, DWORD *pcbCert, BYTE *pbHash,
                              DWORD *pcbHash, WCHAR *pszSubject);
+
+// ---- Key creation -------------------------------------------------------------------------
+
+// Creates the key named pszKeyName (clear) in the vault, as a certificate-backed key when the
+// client is in certificate mode, else as a plain key, and fills *pKey. 0 or NTE_INTERNAL_ERROR.
+SECURITY_STATUS KVCCreateKey(const WCHAR *pszKeyName, KVC *kvc, const WCHAR *pszAlgorithm, DWORD dwKeyBitLength,
+                             DWORD dwExportPolicy, KVKey *pKey);
+// A plain vault key, "-HSM" first and a software key after a 403. dwUnused is not read. 1 or 0.
+int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName, const WCHAR *pszAlgorithm,
+                         DWORD dwKeyBitLength, DWORD dwUnused, KVKey *pKey);
+// A key made by the vault behind a certificate: create (202, pending), then merge a placeholder
+// certificate over the vault's CSR, or the given certificate (pbCert/cbCert) when one is passed.
+// *pKey is then read back from the vault. 1 or 0.
+int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName,
+                                    const WCHAR *pszAlgorithm, DWORD dwKeyBitLength, KVKey *pKey, DWORD fExportable,
+                                    const BYTE *pbCert, DWORD cbCert);
+
+// ---- Key deletion and purge ---------------------------------------------------------------
+
+// Deletes (and unless DoDeletePurge says otherwise, purges) the vault object behind the clear
+// key name: its certificate in certificate mode, else the key. 0 or NTE_INTERNAL_ERROR.
+SECURITY_STATUS KVCKeyDelete(const WCHAR *pszKeyName, KVC *kvc);
+int KVCLowLevelDeleteKey(KVC *kvc, const WCHAR *pszEncodedName);
+int KVCLowLevelDeleteKeyCertificate(KVC *kvc, const WCHAR *pszEncodedName);
+
+// ---- Cryptographic operations -------------------------------------------------------------
+
+// POSTs {"alg","digest"?,"value"} to keys/<name>/<version>/<action> (api-version 7.0). Not
+// verifying: the answer's "value" decoded into pbOutput (capacity and length in *pcbOutput; a
+// null pbOutput asks only for the length). Verifying: pbOutput/*pcbOutput are the digest and
+// only a JSON true is a good signature (else NTE_BAD_SIGNATURE). A SECURITY_STATUS.
+SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKeyName, const WCHAR *pszKeyVersion,
+                            BOOL fVerify, const WCHAR *pszAlg, const BYTE *pbInput, DWORD cbInput, BYTE *pbOutput,
+                            DWORD *pcbOutput);

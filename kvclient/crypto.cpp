@@ -1,0 +1,2 @@
+// placeholder
+#include "kvclient/kvc.h"
