@@ -1,28 +1,328 @@
-// Opening and enumerating keys.
-// Not built yet: each entry answers NTE_NOT_SUPPORTED until its operation lands.
+// Opening and enumerating keys: a key handle for a vault key by name, the vault's keys one at a
+// time, the algorithms this provider knows, and the release of what the enumerations handed out.
 #include "ksp/ksp.h"
 
-extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE *, LPCWSTR, DWORD, DWORD)
+#include <string.h>
+#include <wchar.h>
+
+namespace {
+
+// What EnumKeys keeps between calls: one process-heap block, zero-filled and listed in
+// g_EnumBufferList, holding this header, then dwCount name pointers, then dwCount name slots.
+struct KSP_ENUM_STATE {
+    DWORD dwIndex;     // the next name to return
+    DWORD dwCount;     // how many names there are
+    LPWSTR *ppszNames; // the pointer array right behind this header
+};
+constexpr size_t kEnumNameChars = 128; // a 256-byte slot per name
+
+// The record EnumKeys hands out: its name points into the enumeration state, its algorithm
+// name into the same block.
+struct KSP_KEY_NAME_BLOCK {
+    NCryptKeyName keyName;
+    WCHAR szAlgid[KSP_ALGORITHM_CHARS];
+};
+
+// The status returned when the vault could not list or read the keys being enumerated.
+constexpr SECURITY_STATUS kEnumVaultFailed = static_cast<SECURITY_STATUS>(0x801B8002);
+
+struct AlgorithmEntry {
+    const WCHAR *pszName;
+    DWORD dwClass;
+    DWORD dwOperations;
+};
+constexpr DWORD kRsaOperations = NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION | NCRYPT_SIGNATURE_OPERATION;
+constexpr DWORD kEcdhOperations = NCRYPT_SECRET_AGREEMENT_OPERATION | NCRYPT_SIGNATURE_OPERATION;
+constexpr AlgorithmEntry kAlgorithms[] = {
+    {L"RSA", NCRYPT_ASYMMETRIC_ENCRYPTION_INTERFACE, kRsaOperations},
+    {L"ECDSA_P256", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
+    {L"ECDSA_P384", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
+    {L"ECDSA_P521", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
+    {L"ECDH_P256", NCRYPT_SECRET_AGREEMENT_INTERFACE, kEcdhOperations},
+    {L"ECDH_P384", NCRYPT_SECRET_AGREEMENT_INTERFACE, kEcdhOperations},
+    {L"ECDH_P521", NCRYPT_SECRET_AGREEMENT_INTERFACE, kEcdhOperations},
+};
+constexpr size_t kRsa = 0, kFirstEcdsa = 1, kFirstEcdh = 4, kCurves = 3;
+
+SECURITY_STATUS Fail(const WCHAR *pszMessage, SECURITY_STATUS status)
 {
+    LogMsgError(pszMessage, static_cast<DWORD>(status), KSP_LOG_FAILURE);
+    return status;
+}
+
+bool FlagsAllowed(DWORD dwFlags, DWORD dwAllowed) { return (dwFlags & ~(dwAllowed | NCRYPT_SILENT_FLAG)) == 0; }
+
+// The CNG algorithm of a vault key. Curve keys whose record names no algorithm are taken for
+// ECDH, the use that allows the most; an unknown curve gives no name at all.
+void AlgorithmOfKey(const KVKey *pKey, WCHAR (&szAlgorithm)[KSP_ALGORITHM_CHARS])
+{
+    szAlgorithm[0] = 0;
+    if (!pKey->isEC) {
+        wcscpy_s(szAlgorithm, L"RSA");
+    } else if (pKey->AlgID[0]) {
+        wcsncpy_s(szAlgorithm, pKey->AlgID, _TRUNCATE);
+    } else if (pKey->crv) {
+        constexpr const WCHAR *kCurveAlgorithms[][2] = {
+            {L"P-256", L"ECDH_P256"}, {L"P-384", L"ECDH_P384"}, {L"P-521", L"ECDH_P521"}};
+        for (const auto &curve : kCurveAlgorithms)
+            if (wcscmp(pKey->crv, curve[0]) == 0)
+                wcscpy_s(szAlgorithm, curve[1]);
+    }
+}
+
+// The key length in bits: the modulus for RSA, the curve coordinate for EC. A P-521 coordinate
+// needs 66 bytes, but the curve is 521 bits long: that is what CNG reports for such keys and the
+// only "Length" a P-521 key object accepts.
+DWORD BitLengthOfKey(const KVKey *pKey)
+{
+    if (!pKey->isEC)
+        return pKey->n_siz * 8;
+    constexpr DWORD kP521CoordinateBytes = 66;
+    return pKey->x_siz == kP521CoordinateBytes ? 521 : pKey->x_siz * 8;
+}
+
+KSP_BUFFER_NODE *FindEnumBuffer(PVOID pBuffer)
+{
+    for (KSP_BUFFER_NODE *node = g_EnumBufferList.Flink; node != &g_EnumBufferList; node = node->Flink)
+        if (node->pBuffer == pBuffer)
+            return node;
+    return nullptr;
+}
+
+// The vault's key names in a fresh enumeration state; the vault client's copies are released.
+SECURITY_STATUS NewEnumState(KVC *kvc, KSP_ENUM_STATE **ppState)
+{
+    WCHAR **ppNames = nullptr;
+    DWORD cNames = 0;
+    int listed = KVCGetKeys(kvc, &ppNames, &cNames);
+    SECURITY_STATUS status = listed ? ERROR_SUCCESS : kEnumVaultFailed;
+    KSP_ENUM_STATE *pState = nullptr;
+    if (status == ERROR_SUCCESS) {
+        SIZE_T cbState = sizeof(KSP_ENUM_STATE) + cNames * (sizeof(LPWSTR) + kEnumNameChars * sizeof(WCHAR));
+        pState = static_cast<KSP_ENUM_STATE *>(KspAlloc(cbState));
+        if (pState) {
+            ZeroMemory(pState, cbState);
+            pState->dwCount = cNames;
+            pState->ppszNames = reinterpret_cast<LPWSTR *>(pState + 1);
+            auto *pszSlots = reinterpret_cast<LPWSTR>(pState->ppszNames + cNames);
+            for (DWORD i = 0; i < cNames; ++i) {
+                pState->ppszNames[i] = pszSlots + i * kEnumNameChars;
+                if (ppNames[i])
+                    wcsncpy_s(pState->ppszNames[i], kEnumNameChars, ppNames[i], _TRUNCATE);
+            }
+        } else {
+            LogMsg(L"KestalKeyVaultKSPEnumKeys HeapAlloc Failed", KSP_LOG_FAILURE);
+            status = NTE_NO_MEMORY;
+        }
+    }
+    for (DWORD i = 0; ppNames && i < cNames; ++i)
+        free(ppNames[i]);
+    free(ppNames);
+    if (pState && !AddEnumBuffer(pState)) {
+        KspFree(pState);
+        pState = nullptr;
+        status = NTE_NO_MEMORY;
+    }
+    *ppState = pState;
+    return status;
+}
+
+} // namespace
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE *phKey,
+                                                           LPCWSTR pszKeyName, DWORD, DWORD dwFlags)
+{
+    LogMsgNum(L"KestalKeyVaultKSPOpenKey", pszKeyName, static_cast<int>(dwFlags), KSP_LOG_ENTRY);
+    KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
+    if (!provider)
+        return Fail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_HANDLE);
+    if (!phKey || !pszKeyName)
+        return Fail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_PARAMETER);
+
+    KSP_KEY *pKey = nullptr;
+    DWORD dwMachineKey = dwFlags & NCRYPT_MACHINE_KEY_FLAG;
+    SECURITY_STATUS status = CreateNewKeyObject(pszKeyName, L"", &pKey, dwMachineKey);
+    if (status != ERROR_SUCCESS)
+        return status;
+
+    KVC *kvc = dwMachineKey ? provider->kvcMachine : provider->kvcUser;
+    pKey->kvc = kvc;
+    if (!kvc) {
+        LogMsg(L"KestalKeyVaultKSPOpenKey pKey->kvc NULL ", KSP_LOG_WARNING);
+        status = NTE_INVALID_PARAMETER;
+    } else if (!KVCAuthenticate(kvc, nullptr)) {
+        LogMsg(L"KestalKeyVaultKSPOpenKey Authenticate Failed ", KSP_LOG_FAILURE);
+        status = SEC_E_LOGON_DENIED;
+    } else {
+        // Certificates reach the machine store once per provider handle; the flag goes up first
+        // so that a sync that fails is not retried on every open.
+        if (!provider->fCertsSynced && dwMachineKey && kvc->fCertMode) {
+            provider->fCertsSynced = 1;
+            KVCSyncCertsFromKVToMachine(kvc);
+        }
+        if (!KVCGetKey(kvc, pszKeyName, &pKey->kvKey, 1))
+            status = NTE_NOT_FOUND;
+    }
+    if (status != ERROR_SUCCESS) {
+        DeleteKeyObject(pKey);
+        return Fail(L"KestalKeyVaultKSPOpenKey Error", status);
+    }
+
+    AlgorithmOfKey(&pKey->kvKey, pKey->szAlgorithm);
+    pKey->dwKeyBitLength = BitLengthOfKey(&pKey->kvKey);
+    pKey->fFinished = 1;
+    *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(pKey);
+    return ERROR_SUCCESS;
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPIsAlgSupported(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszAlgId,
+                                                                  DWORD dwFlags)
+{
+    LogMsg2(L"KestalKeyVaultKSPIsAlgSupported", pszAlgId, KSP_LOG_ENTRY);
+    if (!KspProviderFromHandle(hProvider))
+        return Fail(L"KestalKeyVaultKSPIsAlgSupported", NTE_INVALID_HANDLE);
+    if (!pszAlgId)
+        return Fail(L"KestalKeyVaultKSPIsAlgSupported", NTE_INVALID_PARAMETER);
+    if (!FlagsAllowed(dwFlags, 0))
+        return Fail(L"KestalKeyVaultKSPIsAlgSupported", NTE_BAD_FLAGS);
+    for (const AlgorithmEntry &alg : kAlgorithms)
+        if (wcscmp(pszAlgId, alg.pszName) == 0)
+            return ERROR_SUCCESS;
+    LogMsg2(L"KestalKeyVaultKSPIsAlgSupported Not Supported", pszAlgId, KSP_LOG_FAILURE);
     return NTE_NOT_SUPPORTED;
 }
 
-extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPIsAlgSupported(NCRYPT_PROV_HANDLE, LPCWSTR, DWORD)
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumAlgorithms(NCRYPT_PROV_HANDLE hProvider, DWORD dwAlgOperations,
+                                                                  DWORD *pdwAlgCount, NCryptAlgorithmName **ppAlgList,
+                                                                  DWORD dwFlags)
 {
-    return NTE_NOT_SUPPORTED;
+    LogMsgNum(L"KestalKeyVaultKSPEnumAlgorithms", L"dwAlgOperations", static_cast<int>(dwAlgOperations),
+              KSP_LOG_ENTRY);
+    if (!KspProviderFromHandle(hProvider))
+        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_INVALID_HANDLE);
+    if (!pdwAlgCount || !ppAlgList)
+        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_INVALID_PARAMETER);
+    if (!FlagsAllowed(dwFlags, 0))
+        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_BAD_FLAGS);
+
+    const AlgorithmEntry *chosen[ARRAYSIZE(kAlgorithms)];
+    size_t cChosen = 0;
+    auto choose = [&](size_t first, size_t count) {
+        for (size_t i = first; i < first + count; ++i)
+            chosen[cChosen++] = &kAlgorithms[i];
+    };
+    if (dwAlgOperations == 0) {
+        choose(0, ARRAYSIZE(kAlgorithms));
+    } else if (dwAlgOperations & (NCRYPT_SIGNATURE_OPERATION | NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION)) {
+        choose(kRsa, 1);
+        if (dwAlgOperations & NCRYPT_SIGNATURE_OPERATION)
+            choose(kFirstEcdsa, kCurves);
+        if (dwAlgOperations & NCRYPT_SECRET_AGREEMENT_OPERATION)
+            choose(kFirstEcdh, kCurves);
+    } else {
+        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_NOT_SUPPORTED);
+    }
+
+    // Room for every entry and every name, whatever was chosen; the unused rest stays 0xCC.
+    SIZE_T cbBlock = sizeof(kAlgorithms) / sizeof(kAlgorithms[0]) * sizeof(NCryptAlgorithmName);
+    for (const AlgorithmEntry &alg : kAlgorithms)
+        cbBlock += (wcslen(alg.pszName) + 1) * sizeof(WCHAR);
+    auto *pbBlock = static_cast<PBYTE>(KspAlloc(cbBlock));
+    if (!pbBlock)
+        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_NO_MEMORY);
+    memset(pbBlock, 0xCC, cbBlock);
+    auto *pList = reinterpret_cast<NCryptAlgorithmName *>(pbBlock);
+    auto *pszNames = reinterpret_cast<LPWSTR>(pList + cChosen);
+    for (size_t i = 0; i < cChosen; ++i) {
+        size_t cch = wcslen(chosen[i]->pszName) + 1;
+        memcpy(pszNames, chosen[i]->pszName, cch * sizeof(WCHAR));
+        pList[i] = {pszNames, chosen[i]->dwClass, chosen[i]->dwOperations, 0};
+        pszNames += cch;
+    }
+    *pdwAlgCount = static_cast<DWORD>(cChosen);
+    *ppAlgList = pList;
+    return ERROR_SUCCESS;
 }
 
-extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumAlgorithms(NCRYPT_PROV_HANDLE, DWORD, DWORD *, NCryptAlgorithmName **, DWORD)
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR,
+                                                            NCryptKeyName **ppKeyName, PVOID *ppEnumState,
+                                                            DWORD dwFlags)
 {
-    return NTE_NOT_SUPPORTED;
+    LogMsg(L"KestalKeyVaultKSPEnumKeys", KSP_LOG_ENTRY);
+    KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
+    if (!provider)
+        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_HANDLE);
+    if (!ppKeyName || !ppEnumState)
+        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
+    if (!FlagsAllowed(dwFlags, NCRYPT_MACHINE_KEY_FLAG))
+        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_BAD_FLAGS);
+
+    DWORD dwMachineKey = dwFlags & NCRYPT_MACHINE_KEY_FLAG;
+    if (dwMachineKey)
+        LogMsg(L"KestalKeyVaultKSPEnumKeys NCRYPT_MACHINE_KEY_FLAG", KSP_LOG_TRACE);
+    else
+        LogMsg(L"KestalKeyVaultKSPEnumKeys NOT NCRYPT_MACHINE_KEY_FLAG", KSP_LOG_TRACE);
+    KVC *kvc = dwMachineKey ? provider->kvcMachine : provider->kvcUser;
+    if (!kvc)
+        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
+    if (!KVCAuthenticate(kvc, nullptr)) {
+        LogMsg(L"KestalKeyVaultKSPEnumKeys Authenticate Failed", KSP_LOG_FAILURE);
+        return SEC_E_LOGON_DENIED;
+    }
+
+    auto *pState = static_cast<KSP_ENUM_STATE *>(*ppEnumState);
+    if (!pState) {
+        SECURITY_STATUS status = NewEnumState(kvc, &pState);
+        if (status != ERROR_SUCCESS)
+            return Fail(L"KestalKeyVaultKSPEnumKeys", status);
+        // Handed out at once: the caller frees it even when there is nothing to enumerate.
+        *ppEnumState = pState;
+    } else if (!FindEnumBuffer(pState)) {
+        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
+    }
+    if (pState->dwIndex >= pState->dwCount)
+        return NTE_NO_MORE_ITEMS;
+
+    // Every name costs one lookup: the listing does not say which algorithm a key is for.
+    LPWSTR pszName = pState->ppszNames[pState->dwIndex];
+    KVKey record;
+    if (!KVCGetKey(kvc, pszName, &record, 0)) {
+        KVCFreeKVKey(&record);
+        return Fail(L"KestalKeyVaultKSPEnumKeys", kEnumVaultFailed);
+    }
+    auto *pBlock = static_cast<KSP_KEY_NAME_BLOCK *>(KspAlloc(sizeof(KSP_KEY_NAME_BLOCK)));
+    if (!pBlock) {
+        KVCFreeKVKey(&record);
+        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_NO_MEMORY);
+    }
+    ZeroMemory(pBlock, sizeof(*pBlock));
+    AlgorithmOfKey(&record, pBlock->szAlgid);
+    KVCFreeKVKey(&record);
+    pBlock->keyName.pszName = pszName; // lives as long as the enumeration state
+    pBlock->keyName.pszAlgid = pBlock->szAlgid;
+    pBlock->keyName.dwLegacyKeySpec = 0;
+    pBlock->keyName.dwFlags = dwMachineKey;
+    if (!AddEnumBuffer(pBlock)) {
+        KspFree(pBlock);
+        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_NO_MEMORY);
+    }
+    pState->dwIndex++;
+    *ppKeyName = &pBlock->keyName;
+    *ppEnumState = pState;
+    return ERROR_SUCCESS;
 }
 
-extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE, LPCWSTR, NCryptKeyName **, PVOID *, DWORD)
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFreeBuffer(PVOID pvInput)
 {
-    return NTE_NOT_SUPPORTED;
-}
-
-extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFreeBuffer(PVOID)
-{
-    return NTE_NOT_SUPPORTED;
+    LogMsg(L"KestalKeyVaultKSPFreeBuffer", KSP_LOG_ENTRY);
+    if (!pvInput)
+        return ERROR_SUCCESS;
+    KSP_BUFFER_NODE *node = FindEnumBuffer(pvInput);
+    if (node) {
+        node->Blink->Flink = node->Flink;
+        node->Flink->Blink = node->Blink;
+        KspFree(node);
+    }
+    KspFree(pvInput);
+    return ERROR_SUCCESS;
 }

@@ -1,2 +1,196 @@
-// placeholder
+// Key listing and lookup: every key of the vault as CNG names, page by page, and one key by
+// its CNG name into a KVKey. Both wait out throttling the same way: six calls at most.
 #include "kvclient/kvc.h"
+#include "kvclient/kvjson.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <wchar.h>
+
+namespace {
+
+constexpr DWORD kHttpOk = 200;
+constexpr DWORD kHttpTooManyRequests = 429;
+constexpr DWORD kFirstWaitMs = 1000;
+constexpr DWORD kLastWaitMs = 16000;
+constexpr char kKeysPathMarker[] = "/keys?";
+
+// A calloc'd wide copy of narrow text in the system code page; null when it cannot be made.
+WCHAR *AnsiToWide(const char *psz)
+{
+    int cch = MultiByteToWideChar(CP_ACP, 0, psz, -1, nullptr, 0);
+    if (cch < 1)
+        return nullptr;
+    auto *pwsz = static_cast<WCHAR *>(calloc(static_cast<size_t>(cch), sizeof(WCHAR)));
+    if (pwsz && MultiByteToWideChar(CP_ACP, 0, psz, -1, pwsz, cch) != cch) {
+        free(pwsz);
+        return nullptr;
+    }
+    return pwsz;
+}
+
+void FreeNames(WCHAR **ppNames, DWORD cNames)
+{
+    if (!ppNames)
+        return;
+    for (DWORD i = 0; i < cNames; ++i)
+        free(ppNames[i]);
+    free(ppNames);
+}
+
+// The names gathered so far, owned until handed to the caller. A failed growth frees them all:
+// a caller told "0 names" can never stumble over half an array.
+struct NameList {
+    WCHAR **ppNames = nullptr;
+    DWORD cNames = 0;
+    bool fOutOfMemory = false;
+
+    ~NameList() { FreeNames(ppNames, cNames); }
+    bool Reserve(size_t cMore)
+    {
+        // One spare byte, as the array has always been sized.
+        void *grown = realloc(ppNames, (cNames + cMore) * sizeof(WCHAR *) + 1);
+        if (!grown) {
+            FreeNames(ppNames, cNames);
+            ppNames = nullptr;
+            cNames = 0;
+            fOutOfMemory = true;
+            return false;
+        }
+        ppNames = static_cast<WCHAR **>(grown);
+        return true;
+    }
+};
+
+// The clear name of one listed key ("kid" without a version ends in the vault name), appended;
+// elements without a "kid" and names that do not decode are skipped.
+void AppendKeyName(json_object *item, NameList *list)
+{
+    const char *pszKid = KVCJsonGetString(item, "kid");
+    if (!pszKid)
+        return;
+    const char *slash = strrchr(pszKid, '/');
+    WCHAR *pszVaultName = AnsiToWide(slash ? slash + 1 : pszKid);
+    if (!pszVaultName)
+        return;
+    WCHAR szClear[KVC_CLEAR_NAME_CHARS];
+    if (KVCConvertEncodedKeyNameToClear(pszVaultName, szClear, nullptr)) {
+        LogMsg3(L"KVCGetKeys kids", pszVaultName, szClear, KSP_LOG_STEP);
+        WCHAR *pszCopy = _wcsdup(szClear);
+        if (pszCopy)
+            list->ppNames[list->cNames++] = pszCopy;
+        else
+            LogMsg2(L"KVCGetKeys kids _wcsdup Failed", szClear, KSP_LOG_FAILURE);
+    } else {
+        LogMsg3(L"KVCGetKeys kids KVCConvertEncodedKeyNameToClear Failed", pszVaultName, szClear, KSP_LOG_FAILURE);
+    }
+    free(pszVaultName);
+}
+
+} // namespace
+
+int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
+{
+    LogMsg(L"KVCGetKeys", KSP_LOG_STEP);
+    if (!kvc)
+        return 0;
+    if (!pppNames || !pcCount) {
+        LogMsg(L"KeyVaultClient::GetKeys Bad Count or Array pointer", KSP_LOG_FAILURE);
+        return 0;
+    }
+
+    NameList list;
+    WCHAR *pszNextPath = nullptr; // the next page's "/keys?..." tail; null for the first page
+    for (;;) {
+        // Every page gets the whole throttling allowance of its own.
+        KVC_THROTTLE throttle = {L"KVCGetKeys ActionThrottled", kFirstWaitMs, kLastWaitMs, TRUE};
+        do {
+            kvc->lastStatus = 0;
+            if (!KVCDoKVRESTCall(kvc, 0, pszNextPath, KVC_COLLECTION_KEYS, nullptr, L"GET", nullptr, nullptr,
+                                 nullptr))
+                LogMsgError(L"KVCGetKeys REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
+        } while (KVCThrottleWait(&throttle, kvc->lastStatus));
+        if (kvc->lastStatus != kHttpOk && kvc->lastStatus != kHttpTooManyRequests) {
+            LogMsgError(L"KVCGetKeys REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
+            free(pszNextPath);
+            return 0; // the names of earlier pages go with the list
+        }
+
+        free(pszNextPath);
+        pszNextPath = nullptr;
+        // A throttled answer that outlasted the waits is read like a page: it carries neither
+        // names nor a link, so what earlier pages gave is still handed back.
+        KVCJsonDoc page = KVCJsonParse(kvc->lastResponse);
+        if (!page)
+            break;
+
+        const char *pszNextLink = KVCJsonGetString(page.get(), "nextLink");
+        const char *pszTail = pszNextLink ? strstr(pszNextLink, kKeysPathMarker) : nullptr;
+        if (pszTail) {
+            // The link's own scheme and host are dropped: the frame puts the client's vault in front.
+            pszNextPath = AnsiToWide(pszTail);
+            LogMsg2(L"KVCGetKeys rawURL nextlinkstr Found", pszNextPath, KSP_LOG_STEP);
+        }
+
+        json_object *items = KVCJsonMember(page.get(), "value", json_type_array);
+        size_t cItems = items ? json_object_array_length(items) : 0;
+        if (items && !list.Reserve(cItems)) {
+            LogMsg(L"KVCGetKeys realloc Failed", KSP_LOG_FAILURE);
+            free(pszNextPath);
+            break;
+        }
+        for (size_t i = 0; i < cItems; ++i)
+            AppendKeyName(json_object_array_get_idx(items, i), &list);
+        if (!pszNextPath)
+            break;
+    }
+
+    *pppNames = list.ppNames;
+    *pcCount = list.cNames;
+    list.ppNames = nullptr;
+    list.cNames = 0;
+    return kvc->lastStatus == kHttpOk && !list.fOutOfMemory ? 1 : 0;
+}
+
+int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
+{
+    LogMsg2(L"KVCGetKey", pszKeyName, KSP_LOG_STEP);
+    if (!kvc || !pszKeyName || !pKey) {
+        LogMsg(L"KVCGetKey End", KSP_LOG_TRACE);
+        return 0;
+    }
+    WCHAR szEncoded[KVC_ENCODED_NAME_CHARS] = {};
+    memset(pKey, 0, sizeof(*pKey));
+    if (!KVCConvertClearKeyNameToEncoded(pszKeyName, szEncoded, nullptr)) {
+        LogMsg2(L"KVCGetKey KVCConvertClearKeyNameToEncoded Failed", pszKeyName, KSP_LOG_STEP);
+        return 0;
+    }
+    LogMsg2(L"KVCGetKey Encoded Name", szEncoded, KSP_LOG_STEP);
+
+    int result = 0;
+    KVC_THROTTLE throttle = {L"KVCGetKey KVCDoKVRESTCall ActionThrottled", kFirstWaitMs, kLastWaitMs, TRUE};
+    do {
+        // A call that never reached the vault leaves the previous status and body behind; they
+        // belong to another request and must not be read as this key.
+        kvc->lastStatus = 0;
+        if (!KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_KEYS, szEncoded, L"GET", nullptr, nullptr, nullptr)) {
+            if (fSuppress)
+                LogMsg(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", KSP_LOG_TRACE);
+            else
+                LogMsg(L"KVCGetKey KVCDoKVRESTCall Error", KSP_LOG_FAILURE);
+        }
+        if (kvc->lastStatus == kHttpOk) {
+            result = KVCParseJSONKey(szEncoded, kvc->lastResponse, pKey);
+            if (!result)
+                LogMsg2(L"KVCGetKey KVCParseJSONKey Failed", szEncoded, KSP_LOG_FAILURE);
+        } else if (kvc->lastStatus != kHttpTooManyRequests) {
+            if (fSuppress)
+                LogMsgError(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", kvc->lastStatus, KSP_LOG_TRACE);
+            else
+                LogMsgError(L"KVCGetKey KVCDoKVRESTCall Failed", kvc->lastStatus, KSP_LOG_FAILURE);
+        }
+    } while (KVCThrottleWait(&throttle, kvc->lastStatus));
+
+    LogMsg2(L"KVCGetKey End", pszKeyName, KSP_LOG_TRACE);
+    return result;
+}

@@ -2,8 +2,11 @@
 
 #include <winhttp.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
+
+#include "support/log.h"
 
 namespace kestal_test {
 
@@ -200,6 +203,56 @@ Json Emulator::Requests(const std::wstring &service) const
     return ParseJson(Call(L"GET", L"/requests?service=" + service).body);
 }
 
+std::string SeenRequest::Header(std::string_view name) const
+{
+    for (const auto &[n, value] : headers)
+        if (n.size() == name.size() && _strnicmp(n.data(), name.data(), name.size()) == 0)
+            return value;
+    return "";
+}
+
+std::vector<std::string> SeenRequest::SentHeaders() const
+{
+    std::vector<std::string> sent;
+    for (const auto &[name, value] : headers)
+        if (name != "User-Agent" && name != "Host" && name != "Content-Length")
+            sent.push_back(name + ": " + value);
+    return sent;
+}
+
+std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstring &service)
+{
+    std::vector<SeenRequest> seen;
+    Json log = emulator.Requests(service);
+    for (size_t i = 0; i < json_object_array_length(log.get()); ++i) {
+        json_object *entry = json_object_array_get_idx(log.get(), i);
+        SeenRequest r{JsonString(entry, "method"), JsonString(entry, "url"), JsonString(entry, "host"),
+                      JsonString(entry, "body")};
+        json_object *headers = json_object_object_get(entry, "headers");
+        for (size_t h = 0; h < json_object_array_length(headers); ++h) {
+            json_object *pair = json_object_array_get_idx(headers, h);
+            r.headers.emplace_back(json_object_get_string(json_object_array_get_idx(pair, 0)),
+                                   json_object_get_string(json_object_array_get_idx(pair, 1)));
+        }
+        r.tls = json_object_get_boolean(json_object_object_get(entry, "tls"));
+        r.newConnection = json_object_get_boolean(json_object_object_get(entry, "newConnection"));
+        seen.push_back(std::move(r));
+    }
+    return seen;
+}
+
+void ScriptAnswers(const Emulator &emulator, const std::string &service, const std::string &responses,
+                   const std::string &method, const std::string &path)
+{
+    std::string json = "{\"service\":\"" + service + "\",\"responses\":" + responses;
+    if (!method.empty())
+        json += ",\"method\":\"" + method + "\"";
+    if (!path.empty())
+        json += ",\"path\":\"" + path + "\"";
+    if (emulator.Call(L"POST", L"/script", json + "}").status != 200)
+        throw std::runtime_error("the emulator refused a script: " + json);
+}
+
 KspRouter::~KspRouter()
 {
     if (module_)
@@ -302,6 +355,35 @@ std::string ReadTodaysLog(const std::wstring &dir)
     return text;
 }
 
+std::vector<std::string> LogMessages(const std::string &log)
+{
+    // "KestalKeyVaultKSP: YYYY-MM-DD HH:MM:SS <message> <level>"
+    constexpr size_t kPrefix = sizeof("KestalKeyVaultKSP: 2000-01-01 00:00:00 ") - 1;
+    std::vector<std::string> messages;
+    size_t start = 0;
+    while (start < log.size()) {
+        size_t end = log.find('\n', start);
+        if (end == std::string::npos)
+            end = log.size();
+        std::string line = log.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (line.rfind("KestalKeyVaultKSP: ", 0) == 0 && line.size() > kPrefix)
+            messages.push_back(line.substr(kPrefix));
+        start = end + 1;
+    }
+    return messages;
+}
+
+std::vector<std::string> MessagesStartingWith(const std::vector<std::string> &messages, std::string_view prefix)
+{
+    std::vector<std::string> found;
+    for (const auto &m : messages)
+        if (m.rfind(prefix, 0) == 0)
+            found.push_back(m);
+    return found;
+}
+
 FakeTime::FakeTime(__time64_t start) : now(start)
 {
     g_fakeTime = this;
@@ -313,6 +395,121 @@ FakeTime::~FakeTime()
 {
     KspSetTimeSeam(nullptr);
     g_fakeTime = nullptr;
+}
+
+Json SeedKey(const Emulator &emulator, const std::wstring &vault, const std::string &name, const std::string &members)
+{
+    HttpResult r =
+        emulator.Call(L"POST", L"/vaults/" + vault + L"/keys", "{\"name\":\"" + name + "\"," + members + "}");
+    if (r.status != 200)
+        throw std::runtime_error("the emulator refused the key " + name + ": " + r.body);
+    return ParseJson(r.body);
+}
+
+void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std::vector<int> &pageSizes)
+{
+    std::string plan;
+    for (int size : pageSizes)
+        plan += (plan.empty() ? "" : ",") + std::to_string(size);
+    if (emulator.Call(L"PUT", L"/vaults/" + vault, "{\"pageSizes\":[" + plan + "]}").status != 200)
+        throw std::runtime_error("the emulator refused the page plan");
+}
+
+void VaultProviderTest::SetUp()
+{
+    emulator.Reset();
+    ClearSettings(HKEY_LOCAL_MACHINE);
+    ClearSettings(HKEY_CURRENT_USER);
+    static int count = 0;
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    logDir = std::wstring(temp) + L"kestal-vault-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+             std::to_wstring(++count);
+    CreateDirectoryW(logDir.c_str(), nullptr);
+    SetSetting(HKEY_LOCAL_MACHINE, L"LogfilePath", logDir);
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"LoggingLevel", 10);
+    KspModuleAttach(); // the core reads its logging settings as the DLL does when loaded
+}
+
+void VaultProviderTest::TearDown()
+{
+    for (const auto &[freeProvider, h] : open_)
+        freeProvider(h);
+    open_.clear();
+    dll_.reset();
+    ClearSettings(HKEY_LOCAL_MACHINE);
+    ClearSettings(HKEY_CURRENT_USER);
+    KspModuleAttach(); // no settings: the core's logging is off again
+    KspModuleDetach();
+}
+
+void VaultProviderTest::UseVault(HKEY hive, const std::wstring &vault, DWORD certificatesOrKeys)
+{
+    bool machine = hive == HKEY_LOCAL_MACHINE;
+    std::string clientId = machine ? "5d0c8a3e-1f2b-4c6d-9e8f-0a1b2c3d4e01" : "5d0c8a3e-1f2b-4c6d-9e8f-0a1b2c3d4e02";
+    std::string secret = machine ? "harness-machine-secret" : "harness-user-secret";
+    HttpResult r = emulator.Call(L"POST", L"/apps", "{\"tenant\":\"" + std::string(kTenant) + "\",\"clientId\":\"" +
+                                                        clientId + "\",\"secret\":\"" + secret + "\"}");
+    if (r.status != 200)
+        throw std::runtime_error("the emulator refused the app: " + r.body);
+    SetSetting(hive, L"KeyVault", vault);
+    SetSettingDword(hive, L"AuthenticationType", 2);
+    SetSetting(hive, L"TenantId", Widen(kTenant));
+    SetSetting(hive, L"ClientId", Widen(clientId));
+    SetSetting(hive, L"ClientSecret", Widen(secret));
+    SetSettingDword(hive, L"CertificatesOrKeys", certificatesOrKeys);
+}
+
+const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &VaultProviderTest::Ksp(Via via)
+{
+    if (via == Via::Core) {
+        NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table = nullptr;
+        if (GetKeyStorageInterface(KSP_PROVIDER_NAME, &table, 0) != 0 || !table)
+            throw std::runtime_error("the core has no function table");
+        return *table;
+    }
+    if (!dll_) {
+        std::string why;
+        dll_ = KspRouter::LoadDll(&why);
+        if (!dll_)
+            throw std::runtime_error("cannot load the provider: " + why);
+    }
+    return dll_->ksp();
+}
+
+NCRYPT_PROV_HANDLE VaultProviderTest::OpenProvider(Via via)
+{
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp(via);
+    NCRYPT_PROV_HANDLE h = 0;
+    EXPECT_EQ(ksp.OpenProvider(&h, KSP_PROVIDER_NAME, 0), 0);
+    if (h)
+        open_.emplace_back(ksp.FreeProvider, h);
+    return h;
+}
+
+std::vector<std::string> VaultProviderTest::Log(std::string_view prefix) const
+{
+    std::vector<std::wstring> files;
+    WIN32_FIND_DATAW found;
+    HANDLE find = FindFirstFileW((logDir + L"\\*.log").c_str(), &found);
+    if (find != INVALID_HANDLE_VALUE) {
+        do
+            files.push_back(found.cFileName);
+        while (FindNextFileW(find, &found));
+        FindClose(find);
+    }
+    std::sort(files.begin(), files.end()); // named by date
+    std::string text;
+    for (const std::wstring &file : files) {
+        FILE *f = _wfopen((logDir + L"\\" + file).c_str(), L"rb");
+        if (!f)
+            continue;
+        char chunk[4096];
+        for (size_t n; (n = fread(chunk, 1, sizeof(chunk), f)) > 0;)
+            text.append(chunk, n);
+        fclose(f);
+    }
+    return MessagesStartingWith(LogMessages(text), prefix);
 }
 
 } // namespace kestal_test

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
 #include <json-c/json.h>
 
 #include <memory>
@@ -63,6 +64,28 @@ private:
     std::wstring base_;
 };
 
+// Requests one service saw, as the emulated Azure logged them.
+struct SeenRequest {
+    std::string method, url, host, body;
+    std::vector<std::pair<std::string, std::string>> headers; // raw order and case
+    bool tls = false;
+    bool newConnection = false;
+    std::string Header(std::string_view name) const; // first value, any case; "" when absent
+    // "Name: value" of the headers the caller added, in order: WinHTTP's own User-Agent, Host
+    // and Content-Length left out.
+    std::vector<std::string> SentHeaders() const;
+};
+std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstring &service);
+// Queues answers (a JSON array) for one service, optionally for one method and path only.
+void ScriptAnswers(const Emulator &emulator, const std::string &service, const std::string &responses,
+                   const std::string &method = "", const std::string &path = "");
+
+// A vault client record owned by a test.
+struct KvcDelete {
+    void operator()(KVC *kvc) const { KVCDelete(kvc); }
+};
+using KvcOwner = std::unique_ptr<KVC, KvcDelete>;
+
 // ---- The provider, loaded as the router loads it --------------------------------------
 class KspRouter {
 public:
@@ -89,6 +112,10 @@ std::wstring GetSetting(HKEY hive, const wchar_t *name); // "" when absent or no
 // ---- The daily log file -----------------------------------------------------------------
 std::wstring TodaysLogPath(const std::wstring &dir); // named after today's UTC date
 std::string ReadTodaysLog(const std::wstring &dir);
+// The "message level" part of every line of a log text, in order.
+std::vector<std::string> LogMessages(const std::string &log);
+// The messages that begin with prefix.
+std::vector<std::string> MessagesStartingWith(const std::vector<std::string> &messages, std::string_view prefix);
 
 // ---- Time: replaces the core's sleep and clock for the life of the object -------------
 class FakeTime {
@@ -101,6 +128,50 @@ public:
     std::vector<DWORD> waits; // every wait asked for, in milliseconds, in order
     __time64_t now;           // advances with the waits; tests may also move it
     DWORD pendingMs = 0;      // waited milliseconds not yet a whole second
+};
+
+// ---- Keys in the emulated vault ---------------------------------------------------------
+// Makes a key (a new version when it exists) from the members given after its name, for
+// example R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})"; answers the KeyBundle.
+Json SeedKey(const Emulator &emulator, const std::wstring &vault, const std::string &name,
+             const std::string &members = R"("kty":"RSA","key_size":2048)");
+// Page i of the vault's listings holds pageSizes[i] keys; later pages the normal size.
+void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std::vector<int> &pageSizes);
+
+// ---- A provider opened against the emulated vault -----------------------------------------
+// Each test starts with the emulator reset, both settings hives empty, logging at level 10 into
+// a fresh folder (for the DLL and the core alike) and fake time for the core. UseVault points a
+// scope at a vault with a client secret the emulator knows; OpenProvider opens a provider
+// through the loaded DLL's function table, or through the core linked into the test, where
+// FakeTime sees every wait. Providers are freed, and the DLL unloaded, at the end of the test.
+class VaultProviderTest : public ::testing::Test {
+protected:
+    enum class Via { Dll, Core };
+    static constexpr char kTenant[] = "9a3c2f10-5b7e-4c1d-8e2f-6a4b0c9d7e21";
+
+    void SetUp() override;
+    void TearDown() override;
+    // KeyVault, AuthenticationType 2, TenantId, ClientId, ClientSecret and CertificatesOrKeys
+    // (1: plain keys, 0: certificate mode) in HKEY_LOCAL_MACHINE or HKEY_CURRENT_USER, and the
+    // matching app registered in the emulator.
+    void UseVault(HKEY hive, const std::wstring &vault, DWORD certificatesOrKeys = 1);
+    // The table of the DLL (loaded on first use, after the settings) or of the linked core.
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &Ksp(Via via = Via::Dll);
+    // 0 and the handle, or a failed expectation and 0.
+    NCRYPT_PROV_HANDLE OpenProvider(Via via = Via::Dll);
+    // The messages ("text level") of every log file in the folder, oldest file first, that
+    // begin with prefix.
+    std::vector<std::string> Log(std::string_view prefix = "") const;
+    // Requests the vault service saw.
+    std::vector<SeenRequest> VaultRequests() const { return SeenRequests(emulator, L"vault"); }
+
+    Emulator emulator;
+    FakeTime time;
+    std::wstring logDir;
+
+private:
+    std::unique_ptr<KspRouter> dll_;
+    std::vector<std::pair<NCryptFreeProviderFn, NCRYPT_PROV_HANDLE>> open_;
 };
 
 } // namespace kestal_test

@@ -56,14 +56,3 @@ TEST(FunctionTable, SlotsHoldTheEntriesInTableOrder)
     for (int i = 0; i < 26; ++i)
         EXPECT_EQ(slots[i], expected[i]) << "slot " << i + 1;
 }
-
-TEST(FunctionTable, EntriesNotBuiltYetAnswerNotSupported)
-{
-    std::string why;
-    auto router = KspRouter::LoadDll(&why);
-    ASSERT_TRUE(router) << why;
-    EXPECT_EQ(router->ksp().IsAlgSupported(0, L"RSA", 0), NTE_NOT_SUPPORTED);
-    BYTE hash[32] = {};
-    DWORD cb = 0;
-    EXPECT_EQ(router->ksp().SignHash(0, 0, nullptr, hash, sizeof(hash), nullptr, 0, &cb, 0), NTE_NOT_SUPPORTED);
-}

@@ -1,2 +1,246 @@
-// placeholder
+#include "tests/harness/harness.h"
+
 #include <gtest/gtest.h>
+
+#include <functional>
+
+#include "support/log.h"
+
+using namespace kestal_test;
+
+namespace {
+
+constexpr SECURITY_STATUS kVaultFailed = static_cast<SECURITY_STATUS>(0x801B8002);
+constexpr DWORD kMachine = NCRYPT_MACHINE_KEY_FLAG;
+const std::string kMyKeyEncoded = "-bBAVCAgAAZBABCAVCA" + std::string(24, 'z'); // "My Key"
+
+// Machine keys in "kestaltest", user keys in "kestaltest2", both as plain vault keys.
+class OpenEnum : public VaultProviderTest {
+protected:
+    void SetUp() override
+    {
+        VaultProviderTest::SetUp();
+        UseVault(HKEY_LOCAL_MACHINE, L"kestaltest");
+        UseVault(HKEY_CURRENT_USER, L"kestaltest2");
+    }
+    KSP_KEY *Open(NCRYPT_PROV_HANDLE provider, const std::wstring &name, DWORD flags)
+    {
+        NCRYPT_KEY_HANDLE h = 0;
+        EXPECT_EQ(Ksp().OpenKey(provider, &h, name.c_str(), 0, flags), 0) << Narrow(name);
+        return KspKeyFromHandle(h);
+    }
+};
+
+} // namespace
+
+TEST_F(OpenEnum, OpenKeyTakesAlgorithmAndLengthFromTheVaultKey)
+{
+    struct Case {
+        const char *name, *members;
+        DWORD flags;
+        const wchar_t *algorithm;
+        DWORD bits;
+    } cases[] = {
+        {"rsa2048", R"("kty":"RSA","key_size":2048)", kMachine, L"RSA", 2048},
+        {"rsa3072", R"("kty":"RSA","key_size":3072)", NCRYPT_SILENT_FLAG, L"RSA", 3072},
+        {"rsa4096", R"("kty":"RSA","key_size":4096,"tags":{"AlgID":"ECDSA_P256"})", kMachine, L"RSA", 4096},
+        {"p256", R"("kty":"EC","crv":"P-256")", kMachine | NCRYPT_SILENT_FLAG, L"ECDH_P256", 256},
+        {"p384", R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDSA_P384"})", 0, L"ECDSA_P384", 384},
+        {"p521", R"("kty":"EC","crv":"P-521","key_ops":["sign"],"tags":{"owner":"ops"})", kMachine, L"ECDSA_P521", 521},
+    };
+    NCRYPT_PROV_HANDLE provider = OpenProvider();
+    KSP_PROVIDER *p = KspProviderFromHandle(provider);
+    for (const Case &c : cases) {
+        SeedKey(emulator, c.flags & kMachine ? L"kestaltest" : L"kestaltest2", c.name, c.members);
+        KSP_KEY *key = Open(provider, Widen(c.name), c.flags);
+        ASSERT_NE(key, nullptr) << c.name;
+        EXPECT_STREQ(key->szAlgorithm, c.algorithm) << c.name;
+        EXPECT_EQ(key->dwKeyBitLength, c.bits) << c.name;
+        EXPECT_EQ(key->fFinished, 1u) << c.name;
+        EXPECT_EQ(key->dwMachineKey, c.flags & kMachine) << c.name;
+        EXPECT_EQ(key->kvc, c.flags & kMachine ? p->kvcMachine : p->kvcUser) << c.name;
+    }
+    std::vector<SeenRequest> seen = VaultRequests();
+    ASSERT_EQ(seen.size(), std::size(cases));
+    EXPECT_EQ(seen[0].url, "/keys/rsa2048?api-version=2016-10-01");
+    EXPECT_EQ(seen[1].host, "kestaltest2.vault.azure.net");
+}
+
+TEST_F(OpenEnum, MissingKeysAreNotFoundWithOnlyTracesFromTheVaultClient)
+{
+    NCRYPT_PROV_HANDLE provider = OpenProvider();
+    NCRYPT_KEY_HANDLE h = 0;
+    EXPECT_EQ(Ksp().OpenKey(provider, &h, std::wstring(43, L'k').c_str(), 0, kMachine), NTE_NOT_FOUND);
+    EXPECT_EQ(VaultRequests().size(), 0u); // no vault name can hold it
+    EXPECT_EQ(Ksp().OpenKey(provider, &h, L"absent", 0, kMachine), NTE_NOT_FOUND);
+    EXPECT_EQ(VaultRequests().size(), 1u);
+    EXPECT_EQ(h, 0u);
+    EXPECT_EQ(Log("KVCGetKey KVCDoKVRESTCall"),
+              (std::vector<std::string>{"KVCGetKey KVCDoKVRESTCall SupressFailedReadError 10",
+                                        "KVCGetKey KVCDoKVRESTCall SupressFailedReadError Error 0x194 10"}));
+    for (const std::string &line : Log()) {
+        bool severe = line.size() > 2 && (line.ends_with(" 1") || line.ends_with(" 2"));
+        if (severe) {
+            EXPECT_EQ(line, "KestalKeyVaultKSPOpenKey Error Error 0x80090011 1");
+        }
+    }
+}
+
+TEST_F(OpenEnum, MachineOpensSyncCertificatesOncePerProviderInCertificateMode)
+{
+    UseVault(HKEY_LOCAL_MACHINE, L"kestaltest", 0);
+    UseVault(HKEY_CURRENT_USER, L"kestaltest2", 0);
+    SeedKey(emulator, L"kestaltest", "machinekey");
+    SeedKey(emulator, L"kestaltest2", "userkey");
+    auto syncs = [&] { return Log("KVCSyncCertsFromKVToMachine 8").size(); };
+
+    NCRYPT_PROV_HANDLE first = OpenProvider();
+    Open(first, L"userkey", 0);
+    EXPECT_EQ(syncs(), 0u);
+    Open(first, L"machinekey", kMachine);
+    Open(first, L"machinekey", kMachine);
+    EXPECT_EQ(syncs(), 1u);
+    Open(OpenProvider(), L"machinekey", kMachine);
+    EXPECT_EQ(syncs(), 2u);
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"CertificatesOrKeys", 1); // plain keys: nothing to sync
+    Open(OpenProvider(), L"machinekey", kMachine);
+    EXPECT_EQ(syncs(), 2u);
+}
+
+TEST_F(OpenEnum, EnumKeysWalksEveryPageWithOneLookupPerKey)
+{
+    SeedKey(emulator, L"kestaltest", "alpha");
+    SeedKey(emulator, L"kestaltest", kMyKeyEncoded, R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})");
+    SeedKey(emulator, L"kestaltest", "beta", R"("kty":"EC","crv":"P-384")");
+    SetPageSizes(emulator, L"kestaltest", {1, 1, 1});
+
+    NCRYPT_PROV_HANDLE provider = OpenProvider();
+    std::vector<std::wstring> seen;
+    PVOID state = nullptr;
+    NCryptKeyName *name = nullptr;
+    SECURITY_STATUS status;
+    while ((status = Ksp().EnumKeys(provider, nullptr, &name, &state, kMachine | NCRYPT_SILENT_FLAG)) == 0) {
+        seen.push_back(std::wstring(name->pszName) + L":" + name->pszAlgid);
+        EXPECT_EQ(name->dwFlags, kMachine);
+        EXPECT_EQ(Ksp().FreeBuffer(name), 0);
+    }
+    EXPECT_EQ(status, NTE_NO_MORE_ITEMS);
+    EXPECT_EQ(Ksp().FreeBuffer(state), 0);
+    EXPECT_EQ(seen, (std::vector<std::wstring>{L"My Key:ECDSA_P256", L"alpha:RSA", L"beta:ECDH_P384"}));
+    std::vector<std::string> urls;
+    for (const SeenRequest &r : VaultRequests())
+        urls.push_back(r.url.substr(0, r.url.find('?')));
+    EXPECT_EQ(urls, (std::vector<std::string>{"/keys", "/keys", "/keys", "/keys/" + kMyKeyEncoded, "/keys/alpha",
+                                              "/keys/beta"}));
+}
+
+TEST_F(OpenEnum, EnumKeysStateIsListedUntilFreedEvenWhenTheVaultIsEmpty)
+{
+    NCRYPT_PROV_HANDLE provider = OpenProvider(Via::Core);
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp(Via::Core);
+    NCryptKeyName *name = nullptr;
+    PVOID state = nullptr, foreign = &name;
+    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(g_EnumBufferList.Flink->pBuffer, state);
+    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
+    EXPECT_EQ(VaultRequests().size(), 1u);
+    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &foreign, 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(ksp.FreeBuffer(state), 0);
+    EXPECT_EQ(g_EnumBufferList.Flink, &g_EnumBufferList);
+    EXPECT_EQ(Log("KestalKeyVaultKSPEnumKeys NOT NCRYPT_MACHINE_KEY_FLAG 10").size(), 3u);
+}
+
+TEST_F(OpenEnum, ThrottledVaultIsAskedSixTimesBeforeTheEntryFails)
+{
+    struct Case {
+        bool open;
+        const char *path;
+        SECURITY_STATUS status;
+        size_t calls;
+    } cases[] = {{true, "/keys/alpha", NTE_NOT_FOUND, 6}, {false, "/keys", kVaultFailed, 6},
+                 {false, "/keys/alpha", kVaultFailed, 7}};
+    SeedKey(emulator, L"kestaltest", "alpha");
+    NCRYPT_PROV_HANDLE provider = OpenProvider(Via::Core);
+    for (const Case &c : cases) {
+        emulator.Call(L"DELETE", L"/requests");
+        time.waits.clear();
+        ScriptAnswers(emulator, "vault", R"([{"status":429},{"status":429},{"status":429},{"status":429},
+                                             {"status":429},{"status":429}])", "GET", c.path);
+        NCRYPT_KEY_HANDLE h = 0;
+        NCryptKeyName *name = nullptr;
+        PVOID state = nullptr;
+        EXPECT_EQ(c.open ? Ksp(Via::Core).OpenKey(provider, &h, L"alpha", 0, kMachine)
+                         : Ksp(Via::Core).EnumKeys(provider, nullptr, &name, &state, kMachine),
+                  c.status);
+        EXPECT_EQ(VaultRequests().size(), c.calls) << c.path;
+        EXPECT_EQ(time.waits, (std::vector<DWORD>{1000, 2000, 4000, 8000, 16000})) << c.path;
+        Ksp(Via::Core).FreeBuffer(state);
+    }
+}
+
+TEST_F(OpenEnum, AlgorithmsOnOfferByOperation)
+{
+    NCRYPT_PROV_HANDLE provider = OpenProvider();
+    struct Case {
+        DWORD operations;
+        const wchar_t *names; // "name class operations" per entry, or a status
+    } cases[] = {
+        {0, L"RSA 3 20,ECDSA_P256 5 16,ECDSA_P384 5 16,ECDSA_P521 5 16,ECDH_P256 4 24,ECDH_P384 4 24,ECDH_P521 4 24,"},
+        {16, L"RSA 3 20,ECDSA_P256 5 16,ECDSA_P384 5 16,ECDSA_P521 5 16,"},
+        {16 | 8, L"RSA 3 20,ECDSA_P256 5 16,ECDSA_P384 5 16,ECDSA_P521 5 16,ECDH_P256 4 24,ECDH_P384 4 24,"
+                 L"ECDH_P521 4 24,"},
+        {4, L"RSA 3 20,"},
+        {4 | 8, L"RSA 3 20,ECDH_P256 4 24,ECDH_P384 4 24,ECDH_P521 4 24,"},
+        {8, L"0x80090029"},
+        {1, L"0x80090029"},
+    };
+    for (const Case &c : cases) {
+        DWORD count = 0;
+        NCryptAlgorithmName *list = nullptr;
+        SECURITY_STATUS status = Ksp().EnumAlgorithms(provider, c.operations, &count, &list, NCRYPT_SILENT_FLAG);
+        wchar_t text[512] = {};
+        if (status != 0)
+            swprintf(text, 512, L"0x%08lX", static_cast<unsigned long>(status));
+        for (DWORD i = 0; i < count; ++i) {
+            EXPECT_EQ(list[i].dwFlags, 0u);
+            swprintf(text + wcslen(text), 64, L"%ls %lu %lu,", list[i].pszName, list[i].dwClass,
+                     list[i].dwAlgOperations);
+        }
+        EXPECT_STREQ(text, c.names) << c.operations;
+        EXPECT_EQ(Ksp().FreeBuffer(list), 0);
+    }
+    for (const wchar_t *name : {L"RSA", L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521", L"ECDH_P256", L"ECDH_P384",
+                                L"ECDH_P521"})
+        EXPECT_EQ(Ksp().IsAlgSupported(provider, name, NCRYPT_SILENT_FLAG), 0) << Narrow(name);
+    for (const wchar_t *name : {L"rsa", L"ECDSA", L"ECDSA_P192", L""})
+        EXPECT_EQ(Ksp().IsAlgSupported(provider, name, 0), NTE_NOT_SUPPORTED) << Narrow(name);
+}
+
+TEST_F(OpenEnum, EntriesRefuseBadHandlesArgumentsAndFlags)
+{
+    NCRYPT_PROV_HANDLE p = OpenProvider();
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+    NCRYPT_KEY_HANDLE h = 0;
+    NCryptKeyName *name = nullptr;
+    NCryptAlgorithmName *list = nullptr;
+    PVOID state = nullptr;
+    DWORD count = 0;
+    const std::pair<std::function<SECURITY_STATUS()>, SECURITY_STATUS> cases[] = {
+        {[&] { return ksp.OpenKey(0, &h, L"alpha", 0, 0); }, NTE_INVALID_HANDLE},
+        {[&] { return ksp.OpenKey(p, nullptr, L"alpha", 0, 0); }, NTE_INVALID_PARAMETER},
+        {[&] { return ksp.OpenKey(p, &h, nullptr, 0, 0); }, NTE_INVALID_PARAMETER},
+        {[&] { return ksp.EnumKeys(0, nullptr, &name, &state, 0); }, NTE_INVALID_HANDLE},
+        {[&] { return ksp.EnumKeys(p, nullptr, &name, nullptr, 0); }, NTE_INVALID_PARAMETER},
+        {[&] { return ksp.EnumKeys(p, nullptr, &name, &state, NCRYPT_OVERWRITE_KEY_FLAG); }, NTE_BAD_FLAGS},
+        {[&] { return ksp.EnumAlgorithms(0, 0, &count, &list, 0); }, NTE_INVALID_HANDLE},
+        {[&] { return ksp.EnumAlgorithms(p, 0, nullptr, &list, 0); }, NTE_INVALID_PARAMETER},
+        {[&] { return ksp.EnumAlgorithms(p, 0, &count, &list, kMachine); }, NTE_BAD_FLAGS},
+        {[&] { return ksp.IsAlgSupported(0, L"RSA", 0); }, NTE_INVALID_HANDLE},
+        {[&] { return ksp.IsAlgSupported(p, nullptr, 0); }, NTE_INVALID_PARAMETER},
+        {[&] { return ksp.IsAlgSupported(p, L"RSA", kMachine); }, NTE_BAD_FLAGS},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(cases[i].first(), cases[i].second) << "row " << i;
+    EXPECT_EQ(VaultRequests().size(), 0u);
+}

@@ -1,2 +1,120 @@
-// placeholder
+#include "tests/harness/harness.h"
+
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "kvclient/kvc.h"
+
+using namespace kestal_test;
+
+namespace {
+
+const std::string kMyKeyEncoded = "-bBAVCAgAAZBABCAVCA" + std::string(24, 'z'); // "My Key"
+
+// A signed-in machine client for the vault "kestaltest", borrowed from a provider of the core.
+class Keys : public VaultProviderTest {
+protected:
+    void SetUp() override
+    {
+        VaultProviderTest::SetUp();
+        UseVault(HKEY_LOCAL_MACHINE, L"kestaltest");
+        kvc = KspProviderFromHandle(OpenProvider(Via::Core))->kvcMachine;
+        ASSERT_EQ(KVCAuthenticate(kvc, nullptr), 1);
+    }
+    // The names listed, released.
+    std::vector<std::wstring> Take()
+    {
+        std::vector<std::wstring> taken;
+        for (DWORD i = 0; i < count; ++i) {
+            taken.push_back(names[i]);
+            free(names[i]);
+        }
+        free(names);
+        names = nullptr;
+        count = 0;
+        return taken;
+    }
+    KVC *kvc = nullptr;
+    WCHAR **names = nullptr;
+    DWORD count = 0;
+};
+
+} // namespace
+
+TEST_F(Keys, ListingFollowsEveryPageAndDecodesNames)
+{
+    const std::string malformed = "-Az" + std::string(40, 'A'); // a "z" inside a digit group
+    for (const std::string &name : {std::string("alpha"), kMyKeyEncoded, std::string("beta"), malformed})
+        SeedKey(emulator, L"kestaltest", name);
+    SetPageSizes(emulator, L"kestaltest", {2, 1, 1});
+
+    ASSERT_EQ(KVCGetKeys(kvc, &names, &count), 1);
+    EXPECT_EQ(Take(), (std::vector<std::wstring>{L"My Key", L"alpha", L"beta"})); // the vault's order
+    std::vector<SeenRequest> seen = VaultRequests();
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0].url, "/keys?api-version=2016-10-01");
+    EXPECT_EQ(seen[2].url.rfind("/keys?api-version=2016-10-01&$skiptoken=", 0), 0u) << seen[2].url;
+    EXPECT_EQ(Log("KVCGetKeys rawURL nextlinkstr Found").size(), 2u);
+    EXPECT_EQ(Log("KVCGetKeys kids "), (std::vector<std::string>{
+                                           "KVCGetKeys kids KVCConvertEncodedKeyNameToClear Failed " + malformed + "  1",
+                                           "KVCGetKeys kids " + kMyKeyEncoded + " My Key 8", "KVCGetKeys kids alpha alpha 8",
+                                           "KVCGetKeys kids beta beta 8"}));
+}
+
+TEST_F(Keys, ListingKeepsEarlierPagesOnlyWhenALaterOneStaysThrottled)
+{
+    // The link names another host: only its "/keys?" tail is followed, on the client's own vault.
+    ScriptAnswers(emulator, "vault",
+                  R"([{"status":200,"body":{"value":[{"kid":"https://kestaltest.vault.azure.net/keys/first"},{}],
+                       "nextLink":"https://elsewhere.example:443/keys?api-version=2016-10-01&$skiptoken=p2"}},
+                      {"status":429},{"status":429},{"status":429},{"status":429},{"status":429},{"status":429}])",
+                  "GET", "/keys");
+    EXPECT_EQ(KVCGetKeys(kvc, &names, &count), 0);
+    EXPECT_EQ(Take(), std::vector<std::wstring>{L"first"});
+    std::vector<SeenRequest> seen = VaultRequests();
+    ASSERT_EQ(seen.size(), 7u);
+    EXPECT_EQ(seen[1].url, "/keys?api-version=2016-10-01&$skiptoken=p2");
+    EXPECT_EQ(seen[1].host, "kestaltest.vault.azure.net");
+    EXPECT_EQ(time.waits, (std::vector<DWORD>{1000, 2000, 4000, 8000, 16000}));
+
+    // Any other failing status ends the listing at once and writes nothing.
+    names = reinterpret_cast<WCHAR **>(&count);
+    count = 77;
+    ScriptAnswers(emulator, "vault", R"([{"status":500,"body":{"error":{"code":"InternalError"}}}])", "GET", "/keys");
+    EXPECT_EQ(KVCGetKeys(kvc, &names, &count), 0);
+    EXPECT_EQ(names, reinterpret_cast<WCHAR **>(&count));
+    EXPECT_EQ(count, 77u);
+    EXPECT_EQ(Log("KVCGetKeys REST Call Error Error 0x1f4").size(), 2u);
+}
+
+TEST_F(Keys, ReadingOneKeyByItsClearName)
+{
+    SeedKey(emulator, L"kestaltest", kMyKeyEncoded, R"("kty":"EC","crv":"P-384")");
+    KVKey key;
+    ASSERT_EQ(KVCGetKey(kvc, L"My Key", &key, 0), 1);
+    EXPECT_STREQ(key.clearName, L"My Key");
+    EXPECT_EQ(key.x_siz, 48u);
+    KVCFreeKVKey(&key);
+    EXPECT_EQ(VaultRequests().back().url, "/keys/" + kMyKeyEncoded + "?api-version=2016-10-01");
+
+    // Missing: a caller that expects it may be gets traces only; otherwise it is a failure.
+    for (DWORD suppress : {1u, 0u}) {
+        memset(&key, 0x5A, sizeof(key));
+        EXPECT_EQ(KVCGetKey(kvc, L"absent", &key, suppress), 0);
+        EXPECT_EQ(key.valid, 0u);
+        EXPECT_EQ(key.kty, nullptr);
+    }
+    EXPECT_EQ(Log("KVCGetKey KVCDoKVRESTCall"),
+              (std::vector<std::string>{"KVCGetKey KVCDoKVRESTCall SupressFailedReadError 10",
+                                        "KVCGetKey KVCDoKVRESTCall SupressFailedReadError Error 0x194 10",
+                                        "KVCGetKey KVCDoKVRESTCall Error 1",
+                                        "KVCGetKey KVCDoKVRESTCall Failed Error 0x194 1"}));
+
+    // A name no vault name can hold is refused before any call.
+    size_t calls = VaultRequests().size();
+    EXPECT_EQ(KVCGetKey(kvc, std::wstring(43, L'k').c_str(), &key, 1), 0);
+    EXPECT_EQ(VaultRequests().size(), calls);
+    EXPECT_EQ(Log("KVCGetKey KVCConvertClearKeyNameToEncoded Failed").size(), 1u);
+}

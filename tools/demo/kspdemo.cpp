@@ -1,11 +1,15 @@
-// Demo: loads KestalKeyVaultKSP.dll the way the CNG router does and shows what it offers.
-// With --seed-settings it first writes demo connection settings for the machine scope
-// (inside the test world only: the demo script passes it).
+// Demo: loads KestalKeyVaultKSP.dll the way the CNG router does and shows what it offers:
+// the function table, the provider's properties, the vault's keys and one opened key.
+// With --seed-settings it first writes demo connection settings for the machine scope and,
+// through the emulated Azure's control API, registers the demo app and gives the demo vault a
+// few keys (inside the test world only: the demo script passes it).
 #include <windows.h>
+#include <winhttp.h>
 
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <string>
 
 #include "ksp/ksp.h"
 
@@ -23,6 +27,82 @@ constexpr const char *kSlotNames[26] = {
 using GetInterfaceFn = NTSTATUS(WINAPI *)(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **, DWORD);
 
 constexpr wchar_t kSettingsKey[] = L"Software\\Kestal\\KestalKeyVaultKSP";
+constexpr wchar_t kDemoVault[] = L"kestaldemo";
+constexpr char kDemoApp[] = R"({"tenant":"00000000-0000-0000-0000-00000000d3e0",)"
+                            R"("clientId":"11111111-1111-1111-1111-11111111d3e0","secret":"demo-only-client-secret"})";
+// Names, algorithms and sizes a vault typically holds: a TLS key, a signing key, an agreement key.
+constexpr const char *kDemoKeys[] = {
+    R"({"name":"web-server-01","kty":"RSA","key_size":2048})",
+    R"({"name":"code-signing-p256","kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"}})",
+    R"({"name":"key-agreement-p384","kty":"EC","crv":"P-384"})",
+};
+
+struct InternetHandle {
+    HINTERNET h = nullptr;
+    ~InternetHandle()
+    {
+        if (h)
+            WinHttpCloseHandle(h);
+    }
+};
+
+// One plain-HTTP call to the emulated Azure's control API; the status, 0 when it did not answer.
+DWORD ControlCall(const wchar_t *verb, const std::wstring &path, const std::string &json, std::string *answer)
+{
+    wchar_t base[256];
+    DWORD n = GetEnvironmentVariableW(L"KESTAL_CONTROL_URL", base, ARRAYSIZE(base));
+    if (n == 0 || n >= ARRAYSIZE(base))
+        return 0;
+    URL_COMPONENTS parts = {};
+    parts.dwStructSize = sizeof(parts);
+    parts.dwHostNameLength = static_cast<DWORD>(-1);
+    if (!WinHttpCrackUrl(base, 0, 0, &parts))
+        return 0;
+    std::wstring host(parts.lpszHostName, parts.dwHostNameLength);
+    InternetHandle session, connection, request;
+    session.h =
+        WinHttpOpen(L"kspdemo", WINHTTP_ACCESS_TYPE_NO_PROXY, WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0);
+    connection.h = session.h ? WinHttpConnect(session.h, host.c_str(), parts.nPort, 0) : nullptr;
+    request.h = connection.h ? WinHttpOpenRequest(connection.h, verb, path.c_str(), nullptr, WINHTTP_NO_REFERER,
+                                                  WINHTTP_DEFAULT_ACCEPT_TYPES, 0)
+                             : nullptr;
+    DWORD cb = static_cast<DWORD>(json.size());
+    if (!request.h ||
+        !WinHttpSendRequest(request.h, L"Content-Type: application/json", static_cast<DWORD>(-1),
+                            cb ? const_cast<char *>(json.data()) : WINHTTP_NO_REQUEST_DATA, cb, cb, 0) ||
+        !WinHttpReceiveResponse(request.h, nullptr))
+        return 0;
+    DWORD status = 0, cbStatus = sizeof(status);
+    WinHttpQueryHeaders(request.h, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, WINHTTP_HEADER_NAME_BY_INDEX,
+                        &status, &cbStatus, WINHTTP_NO_HEADER_INDEX);
+    char chunk[4096];
+    for (DWORD got = 0; WinHttpReadData(request.h, chunk, sizeof(chunk), &got) && got > 0;)
+        answer->append(chunk, got);
+    return status;
+}
+
+// The demo app signs in to the emulated directory; an empty demo vault gets its keys.
+void SeedEmulatedVault()
+{
+    std::string answer;
+    if (ControlCall(L"POST", L"/apps", kDemoApp, &answer) != 200) {
+        std::printf("emulated Azure: cannot register the demo app (is this the test world?)\n");
+        return;
+    }
+    answer.clear();
+    // A vault the emulator has not met yet has no keys either.
+    if (ControlCall(L"GET", std::wstring(L"/vaults/") + kDemoVault, "", &answer) == 200 &&
+        answer.find("\"keys\":[]") == std::string::npos) {
+        std::printf("emulated Azure: demo app registered, vault %ls already holds keys\n", kDemoVault);
+        return;
+    }
+    int seeded = 0;
+    for (const char *key : kDemoKeys) {
+        std::string bundle;
+        seeded += ControlCall(L"POST", std::wstring(L"/vaults/") + kDemoVault + L"/keys", key, &bundle) == 200;
+    }
+    std::printf("emulated Azure: demo app registered, %d keys seeded in vault %ls\n", seeded, kDemoVault);
+}
 
 void SeedString(HKEY key, const wchar_t *name, const wchar_t *value)
 {
@@ -81,6 +161,43 @@ void PrintProviderProperties(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCR
     }
 }
 
+// Lists the machine scope's keys one by one; the first name goes to *pszFirst.
+void PrintKeys(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider, std::wstring *pszFirst)
+{
+    std::printf("EnumKeys (machine scope):\n");
+    PVOID state = nullptr;
+    NCryptKeyName *name = nullptr;
+    SECURITY_STATUS status;
+    while ((status = table->EnumKeys(provider, nullptr, &name, &state, NCRYPT_MACHINE_KEY_FLAG)) == 0) {
+        std::printf("  %-28ls %ls\n", name->pszName, name->pszAlgid);
+        if (pszFirst->empty())
+            *pszFirst = name->pszName;
+        table->FreeBuffer(name);
+    }
+    if (status == static_cast<SECURITY_STATUS>(NTE_NO_MORE_ITEMS))
+        std::printf("  (end of list)\n");
+    else
+        std::printf("  failed: 0x%08lX\n", static_cast<unsigned long>(status));
+    if (state)
+        table->FreeBuffer(state);
+}
+
+void PrintOpenedKey(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider,
+                    const std::wstring &name)
+{
+    NCRYPT_KEY_HANDLE key = 0;
+    SECURITY_STATUS status = table->OpenKey(provider, &key, name.c_str(), 0, NCRYPT_MACHINE_KEY_FLAG);
+    if (status != 0) {
+        std::printf("OpenKey \"%ls\": 0x%08lX\n", name.c_str(), static_cast<unsigned long>(status));
+        return;
+    }
+    // The key object is this provider's own record behind the handle.
+    const auto *record = reinterpret_cast<const KSP_KEY *>(key);
+    std::printf("OpenKey \"%ls\": 0x00000000, %ls, %lu bits\n", name.c_str(), record->szAlgorithm,
+                static_cast<unsigned long>(record->dwKeyBitLength));
+    std::printf("FreeKey: 0x%08lX\n", static_cast<unsigned long>(table->FreeKey(provider, key)));
+}
+
 HMODULE LoadProvider()
 {
     wchar_t path[MAX_PATH];
@@ -95,9 +212,12 @@ HMODULE LoadProvider()
 
 int main(int argc, char **argv)
 {
-    if (argc > 1 && std::strcmp(argv[1], "--seed-settings") == 0 && !SeedDemoSettings()) {
-        std::printf("cannot write the demo settings\n");
-        return 1;
+    if (argc > 1 && std::strcmp(argv[1], "--seed-settings") == 0) {
+        if (!SeedDemoSettings()) {
+            std::printf("cannot write the demo settings\n");
+            return 1;
+        }
+        SeedEmulatedVault();
     }
     HMODULE module = LoadProvider();
     if (!module) {
@@ -128,6 +248,10 @@ int main(int argc, char **argv)
         // The first open turns a plain client secret into its DPAPI form and blanks it.
         std::printf("machine settings: ClientSecret %ld characters, ClientDPAPISecret %ld characters\n",
                     SettingLength(L"ClientSecret"), SettingLength(L"ClientDPAPISecret"));
+        std::wstring first;
+        PrintKeys(table, provider, &first);
+        if (!first.empty())
+            PrintOpenedKey(table, provider, first);
         std::printf("FreeProvider: 0x%08lX\n", static_cast<unsigned long>(table->FreeProvider(provider)));
     }
     FreeLibrary(module);
