@@ -1,2 +1,389 @@
-// placeholder
+// Authentication: a bearer token for the vault, by client secret (Entra ID client-credentials
+// grant) or by managed identity (the instance metadata service, or the Azure Arc agent).
 #include "kvclient/kvc.h"
+
+#include <wininet.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <wchar.h>
+
+#include "kvclient/kvjson.h"
+
+namespace {
+
+// A token is used for a fixed hour from the moment it was asked for; the answer's own
+// lifetime is not read.
+constexpr __time64_t kTokenReuseSeconds = 3600;
+
+constexpr DWORD kAuthnManagedIdentity = 1;
+constexpr DWORD kAuthnClientSecret = 2;
+
+constexpr WCHAR kHttpsScheme[] = L"https://";
+constexpr WORD kHttpsPort = 443;
+
+// The instance metadata service's well-known link-local address, plain HTTP.
+constexpr WCHAR kImdsHost[] = L"169.254.169.254";
+constexpr WORD kImdsPort = 80;
+// The Azure Arc agent listens here and wants a newer api-version than the metadata service.
+constexpr WORD kArcPort = 40342;
+constexpr DWORD kEndpointChars = 500;
+// The first request and up to 240 repeats, a second apart: an agent that is still starting
+// gets four minutes.
+constexpr int kManagedIdentityAttempts = 241;
+constexpr DWORD kManagedIdentityWaitMs = 1000;
+// The Arc agent's key file: 64 hexadecimal characters in practice.
+constexpr size_t kArcSecretBytes = 2000;
+
+constexpr WCHAR kIdentityPlaceholder[] = L"oidguid";
+constexpr DWORD kVaultNameChars = 24;
+
+const WCHAR *TextOf(const BldStr *pstr) { return pstr ? pstr->cStr : nullptr; }
+
+// ---- The form body of the client-credentials grant -------------------------------------
+
+bool IsUnreserved(WCHAR ch)
+{
+    return (ch >= L'A' && ch <= L'Z') || (ch >= L'a' && ch <= L'z') || (ch >= L'0' && ch <= L'9') || ch == L'-' ||
+           ch == L'.' || ch == L'_' || ch == L'~';
+}
+
+// Percent-encodes a form value as the token service decodes it (UTF-8 bytes), so that a
+// secret holding "+", "&", "=" or "%" arrives unchanged. With pszOut null, only counts the
+// characters. Returns the count, terminator excluded.
+size_t FormEncode(const WCHAR *pszValue, WCHAR *pszOut)
+{
+    static const WCHAR kHex[] = L"0123456789ABCDEF";
+    size_t cch = 0;
+    for (const WCHAR *p = pszValue ? pszValue : L""; *p; p++) {
+        if (IsUnreserved(*p)) {
+            if (pszOut)
+                pszOut[cch] = *p;
+            cch++;
+            continue;
+        }
+        // A surrogate pair is one character: encode both halves together.
+        int cchChar = IS_HIGH_SURROGATE(p[0]) && IS_LOW_SURROGATE(p[1]) ? 2 : 1;
+        char utf8[4] = {};
+        int cbUtf8 = WideCharToMultiByte(CP_UTF8, 0, p, cchChar, utf8, sizeof(utf8), nullptr, nullptr);
+        for (int i = 0; i < cbUtf8; i++) {
+            BYTE b = static_cast<BYTE>(utf8[i]);
+            if (pszOut) {
+                pszOut[cch] = L'%';
+                pszOut[cch + 1] = kHex[b >> 4];
+                pszOut[cch + 2] = kHex[b & 0x0F];
+            }
+            cch += 3;
+        }
+        SecureZeroMemory(utf8, sizeof(utf8));
+        p += cchChar - 1;
+    }
+    if (pszOut)
+        pszOut[cch] = 0;
+    return cch;
+}
+
+// The encoded value in a text of exactly its size (the caller wipes and frees it).
+WCHAR *NewFormValue(const WCHAR *pszValue)
+{
+    WCHAR *pszOut = static_cast<WCHAR *>(calloc(FormEncode(pszValue, nullptr) + 1, sizeof(WCHAR)));
+    if (pszOut)
+        FormEncode(pszValue, pszOut);
+    return pszOut;
+}
+
+// "resource=...&grant_type=client_credentials&client_id=...&client_secret=..." as narrow
+// text. Every copy that held the secret is wiped before it is freed.
+char *NewClientCredentialsBody(KVC *kvc, const WCHAR *pszResource)
+{
+    WCHAR *pszEncResource = NewFormValue(pszResource);
+    WCHAR *pszEncClientId = NewFormValue(TextOf(kvc->clientId));
+    WCHAR *pszEncSecret = NewFormValue(TextOf(kvc->clientSecret));
+    WCHAR *pszBody = nullptr;
+    if (pszEncResource && pszEncClientId && pszEncSecret)
+        pszBody = KVCJoinText({L"resource=", pszEncResource, L"&grant_type=client_credentials", L"&client_id=",
+                               pszEncClientId, L"&client_secret=", pszEncSecret});
+    char *pszNarrow = nullptr;
+    if (pszBody) {
+        pszNarrow = WStrToBytesStr(pszBody);
+        if (!pszNarrow)
+            LogMsgError(L"KVCAuthenticate WStrToBytesStr failure", GetLastError(), KSP_LOG_FAILURE);
+    }
+    KVCWipeFreeText(pszBody);
+    KVCWipeFreeText(pszEncSecret);
+    free(pszEncClientId);
+    free(pszEncResource);
+    return pszNarrow;
+}
+
+// ---- Token answers ------------------------------------------------------------------------
+
+void ReplaceField(BldStr **ppField, const char *pszValue, bool fSecret)
+{
+    BldStr *pstrNew = BldStrNewStrFromAscii(pszValue);
+    if (!pstrNew)
+        return;
+    if (fSecret && *ppField && (*ppField)->cStr)
+        SecureZeroMemory((*ppField)->cStr, (*ppField)->capacity);
+    BldStrFree(*ppField);
+    *ppField = pstrNew;
+}
+
+// Takes "token_type" and "access_token" from a 200 answer; either one counts as a token.
+int TakeToken(KVC *kvc, const char *pszBody)
+{
+    KVCJsonDoc doc = KVCJsonParse(pszBody);
+    const char *pszType = KVCJsonGetString(doc.get(), "token_type");
+    const char *pszToken = KVCJsonGetString(doc.get(), "access_token");
+    if (pszType)
+        ReplaceField(&kvc->tokenType, pszType, false);
+    if (pszToken)
+        ReplaceField(&kvc->accessToken, pszToken, true);
+    return pszType || pszToken ? 1 : 0;
+}
+
+// ---- Client secret --------------------------------------------------------------------------
+
+int ClientSecretToken(KVC *kvc, const WCHAR *pszResource)
+{
+    LogMsg2(L"KVCAuthenticate KVCKeyCert", TextOf(kvc->kvName), KSP_LOG_STEP);
+    KVCGetLoginUrl(kvc);
+    if (!pszResource)
+        pszResource = TextOf(kvc->resource);
+
+    // "https://<host>/<tenant>" -> host, and "/<tenant>/oauth2/token".
+    const WCHAR *pszLogin = TextOf(kvc->loginUrl);
+    const size_t cchScheme = ARRAYSIZE(kHttpsScheme) - 1;
+    if (!pszLogin || _wcsnicmp(pszLogin, kHttpsScheme, cchScheme) != 0)
+        return 0;
+    const WCHAR *pszHostStart = pszLogin + cchScheme;
+    const WCHAR *pszSlash = wcschr(pszHostStart, L'/');
+    if (!pszSlash || pszSlash == pszHostStart)
+        return 0;
+    WCHAR szHost[256] = {};
+    size_t cchHost = static_cast<size_t>(pszSlash - pszHostStart);
+    if (cchHost >= ARRAYSIZE(szHost))
+        return 0;
+    memcpy(szHost, pszHostStart, cchHost * sizeof(WCHAR));
+    WCHAR *pszPath = KVCJoinText({pszSlash, L"/oauth2/token"});
+
+    WCHAR szRequestId[39];
+    KVCNewRequestId(szRequestId);
+    WCHAR *pszHeaders = KVCJoinText({L"Content-Type: application/x-www-form-urlencoded\r\n",
+                                     L"Accept: application/json\r\n", L"return-client-request-id: true\r\n",
+                                     L"client-request-id: ", szRequestId, L"\r\n\r\n"});
+    char *pszBody = NewClientCredentialsBody(kvc, pszResource);
+
+    int got = 0;
+    KVC_WEB_RESPONSE *resp = nullptr;
+    if (pszPath && pszHeaders && pszBody)
+        resp = KVCDoWebCall(kvc, kHttpsPort, szHost, pszPath, L"POST", pszHeaders, pszBody);
+    if (!resp || resp->status != 200)
+        LogMsgError(L"KVCAuthenticate KVCDoWebCall failure", 1, KSP_LOG_FAILURE);
+    else
+        got = TakeToken(kvc, resp->body);
+
+    KVCFreeWebResponse(resp);
+    KVCWipeFreeBytes(pszBody);
+    free(pszHeaders);
+    free(pszPath);
+    return got;
+}
+
+// ---- Managed identity ----------------------------------------------------------------------
+
+// Reads the key file and appends "Authorization: Basic <contents>" to the request headers.
+int AnswerArcChallenge(const WCHAR *pszPath, WCHAR *pszHeaders, size_t cchHeaders)
+{
+    FILE *pFile = nullptr;
+    if (_wfopen_s(&pFile, pszPath, L"rt") != 0 || !pFile) {
+        LogMsg2(L"KVCAuthenticate MSIAuthenticate failure - Could not open secret file", pszPath, KSP_LOG_FAILURE);
+        return 0;
+    }
+    char secret[kArcSecretBytes + 1] = {};
+    size_t cbSecret = fread(secret, 1, kArcSecretBytes, pFile);
+    fclose(pFile);
+    WCHAR szSecret[kArcSecretBytes + 1] = {};
+    if (cbSecret > 0)
+        MultiByteToWideChar(CP_ACP, 0, secret, static_cast<int>(cbSecret), szSecret, kArcSecretBytes);
+    wcscat_s(pszHeaders, cchHeaders, L"Authorization: Basic ");
+    wcscat_s(pszHeaders, cchHeaders, szSecret);
+    wcscat_s(pszHeaders, cchHeaders, L"\r\n");
+    SecureZeroMemory(secret, sizeof(secret));
+    SecureZeroMemory(szSecret, sizeof(szSecret));
+    return 1;
+}
+
+void LogReturnCode(const KVC_WEB_RESPONSE *resp, const WCHAR *pszHost)
+{
+    LogMsgNum(L"KVCAuthenticate MSIAuthenticate failure - Return Code", pszHost, static_cast<int>(resp->status),
+              KSP_LOG_FAILURE);
+    if (resp->body && resp->body[0] && resp->headers)
+        LogMsgAscii(L"KVCAuthenticate MSIAuthenticate failure - Return String", resp->body);
+}
+
+int ManagedIdentityToken(KVC *kvc, const WCHAR *pszResource)
+{
+    WCHAR szHost[256] = {};
+    wcscpy_s(szHost, kImdsHost);
+    WORD wPort = kImdsPort;
+
+    WCHAR szEndpoint[kEndpointChars] = {};
+    DWORD cchEndpoint = GetEnvironmentVariableW(L"IDENTITY_ENDPOINT", szEndpoint, kEndpointChars);
+    if (cchEndpoint > 0 && cchEndpoint < kEndpointChars) {
+        LogMsg(L"KVCAuthenticate MSIAuthenticate - Found IDENTITY_ENDPOINT Environment", KSP_LOG_STEP);
+        WCHAR szCrackedHost[256] = {};
+        URL_COMPONENTSW parts = {};
+        parts.dwStructSize = sizeof(parts);
+        parts.lpszHostName = szCrackedHost;
+        parts.dwHostNameLength = ARRAYSIZE(szCrackedHost);
+        if (InternetCrackUrlW(szEndpoint, 0, 0, &parts)) {
+            wcscpy_s(szHost, szCrackedHost);
+            wPort = parts.nPort;
+            LogMsg2(L"KVCAuthenticate MSIAuthenticate - Found Host", szHost, KSP_LOG_STEP);
+        }
+    }
+    LogMsg2(L"KVCAuthenticate MSIAuthenticate - Azure or Arc VM", TextOf(kvc->kvName), KSP_LOG_STEP);
+
+    // The audience is set up by the client-secret flow; a managed identity alone builds it here.
+    if (!pszResource && !kvc->resource)
+        KVCGetLoginUrl(kvc);
+    if (!pszResource)
+        pszResource = TextOf(kvc->resource);
+    WCHAR *pszPath = KVCJoinText({L"/metadata/identity/oauth2/token?resource=", pszResource,
+                                  wPort == kArcPort ? L"&api-version=2020-06-01" : L"&api-version=2018-02-01"});
+    if (!pszPath)
+        return 0;
+
+    // Room for the metadata line and one answered Arc challenge; wiped before leaving.
+    WCHAR szHeaders[64 + kArcSecretBytes] = L"Metadata: True\r\n";
+    bool fChallengeAnswered = false;
+    int got = 0;
+    for (int attempt = 1; attempt <= kManagedIdentityAttempts; attempt++) {
+        if (attempt > 1)
+            KspSleep(kManagedIdentityWaitMs);
+        KVC_WEB_RESPONSE *resp = KVCDoWebCall(kvc, wPort, szHost, pszPath, L"GET", szHeaders, nullptr);
+        if (!resp) {
+            LogMsg(L"KVCAuthenticate MSIAuthenticate Response NULL", KSP_LOG_STEP);
+            LogMsg(L"KVCAuthenticate MSIAuthenticate failure - Response NULL", KSP_LOG_FAILURE);
+            break;
+        }
+        bool fDone = true;
+        if (resp->status == 200) {
+            got = TakeToken(kvc, resp->body);
+        } else if (wPort == kArcPort && resp->headers && !fChallengeAnswered) {
+            LogMsg(L"KVCAuthenticate MSIAuthenticate Arc Retry", KSP_LOG_STEP);
+            fDone = false; // an unreadable challenge is asked again
+            WCHAR *pszKeyFile = KVCArcRealmPath(resp->headers->cStr);
+            if (pszKeyFile) {
+                fChallengeAnswered = AnswerArcChallenge(pszKeyFile, szHeaders, ARRAYSIZE(szHeaders)) != 0;
+                if (!fChallengeAnswered) {
+                    LogReturnCode(resp, szHost);
+                    fDone = true;
+                }
+            }
+            free(pszKeyFile);
+        } else {
+            LogReturnCode(resp, szHost);
+        }
+        KVCFreeWebResponse(resp);
+        if (fDone)
+            break;
+    }
+    SecureZeroMemory(szHeaders, sizeof(szHeaders));
+    free(pszPath);
+    return got;
+}
+
+// ---- A vault named after the identity ---------------------------------------------------------
+
+// "oidguid" becomes "x" and the object id without dashes, cut to 24 characters. Anything
+// missing on the way leaves the name as it was.
+void ResolveIdentityVault(KVC *kvc)
+{
+    if (!kvc->kvName || !kvc->kvName->cStr || wcscmp(kvc->kvName->cStr, kIdentityPlaceholder) != 0)
+        return;
+    LogMsg(L"KVCAuthenticate Found OIDGUID - Replace", KSP_LOG_STEP);
+    const WCHAR *pszToken = TextOf(kvc->accessToken);
+    const WCHAR *pszPayload = pszToken ? wcschr(pszToken, L'.') : nullptr;
+    if (!pszPayload)
+        return;
+    pszPayload++;
+    const WCHAR *pszPayloadEnd = wcschr(pszPayload, L'.');
+    size_t cchPayload = pszPayloadEnd ? static_cast<size_t>(pszPayloadEnd - pszPayload) : wcslen(pszPayload);
+    WCHAR *pszPart = static_cast<WCHAR *>(calloc(cchPayload + 1, sizeof(WCHAR)));
+    if (!pszPart)
+        return;
+    memcpy(pszPart, pszPayload, cchPayload * sizeof(WCHAR));
+    BYTE *pbClaims = nullptr;
+    DWORD cbClaims = 0;
+    if (KVCKKVKSP_FromBase64(pszPart, &pbClaims, &cbClaims, TRUE) && pbClaims) {
+        KVCJsonDoc claims = KVCJsonParse(reinterpret_cast<const char *>(pbClaims));
+        const char *pszOid = KVCJsonGetString(claims.get(), "oid");
+        BldStr *pstrName = pszOid ? BldStrNewStr(L"x") : nullptr;
+        if (pstrName && BldStrCatAscii(pstrName, pszOid)) {
+            BldStrRemove(pstrName, L'-');
+            if (pstrName->length > kVaultNameChars) {
+                pstrName->cStr[kVaultNameChars] = 0;
+                pstrName->length = kVaultNameChars;
+                BldStrReplace(kvc->kvName, pstrName->cStr);
+            }
+        }
+        BldStrFree(pstrName);
+    }
+    free(pbClaims);
+    KVCWipeFreeText(pszPart);
+}
+
+} // namespace
+
+// The Arc agent's challenge names a file ("WWW-Authenticate: Basic realm=<path>") whose
+// contents prove that the caller may read the agent's folder.
+WCHAR *KVCArcRealmPath(const WCHAR *pszHeaders)
+{
+    static const WCHAR kRealm[] = L"Basic realm=";
+    const WCHAR *pszStart = pszHeaders ? wcsstr(pszHeaders, kRealm) : nullptr;
+    if (!pszStart) {
+        LogMsg(L"KVCAuthenticate MSIAuthenticate failure - Could not find Arc Basic realm 2", KSP_LOG_FAILURE);
+        return nullptr;
+    }
+    pszStart += ARRAYSIZE(kRealm) - 1;
+    const WCHAR *pszEnd = wcsstr(pszStart, L"\r\n");
+    if (!pszEnd) {
+        LogMsg(L"KVCAuthenticate MSIAuthenticate failure - Could not find Arc Basic realm 1", KSP_LOG_FAILURE);
+        return nullptr;
+    }
+    size_t cch = static_cast<size_t>(pszEnd - pszStart);
+    WCHAR *pszPath = static_cast<WCHAR *>(calloc(cch + 1, sizeof(WCHAR)));
+    if (pszPath)
+        memcpy(pszPath, pszStart, cch * sizeof(WCHAR));
+    return pszPath;
+}
+
+int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource)
+{
+    LogMsg2(L"KVCAuthenticate", kvc ? TextOf(kvc->kvName) : nullptr, KSP_LOG_STEP);
+    if (!kvc) {
+        LogMsg2(L"KVCAuthenticate Logon failure", nullptr, KSP_LOG_FAILURE);
+        return 0;
+    }
+    // Taken before any request, so that a slow answer does not stretch the hour.
+    __time64_t now = KspTime();
+    if (kvc->tokenExpiry > now)
+        return 1;
+
+    int got = 0;
+    if (kvc->authn & kAuthnClientSecret)
+        got = ClientSecretToken(kvc, pszResource);
+    if (!got && (kvc->authn & kAuthnManagedIdentity))
+        got = ManagedIdentityToken(kvc, pszResource);
+    if (!got) {
+        LogMsg2(L"KVCAuthenticate Logon failure", TextOf(kvc->kvName), KSP_LOG_FAILURE);
+        return 0;
+    }
+    kvc->tokenExpiry = now + kTokenReuseSeconds;
+    if (!pszResource)
+        ResolveIdentityVault(kvc);
+    return 1;
+}

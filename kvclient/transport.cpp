@@ -1,2 +1,249 @@
-// placeholder
+// The transport: every byte the vault client sends or receives goes through KVCDoWebCall,
+// one WinHTTP session, connection and request per call.
 #include "kvclient/kvc.h"
+
+#include <winhttp.h>
+
+#include <stdlib.h>
+#include <string.h>
+#include <wchar.h>
+
+#include <memory>
+
+namespace {
+
+struct InternetClose {
+    void operator()(HINTERNET h) const { WinHttpCloseHandle(h); }
+};
+// Closes a WinHTTP handle on every way out of an attempt.
+using InternetHandle = std::unique_ptr<void, InternetClose>;
+
+constexpr WCHAR kUserAgent[] = L"Kestal Key Vault Key Storage Provider";
+constexpr int kAttempts = 10;
+// A refused connection usually means the endpoint is restarting or a proxy is not yet up:
+// worth a long pause. Anything else transient gets a short one.
+constexpr DWORD kCannotConnectWaitMs = 20000;
+constexpr DWORD kRetryWaitMs = 200;
+constexpr WORD kTlsPort = 443;
+
+// How an attempt ended.
+enum class Attempt {
+    Done,  // a response was received (any HTTP status)
+    Retry, // a transient failure: try again
+    Stop,  // WinHTTP itself is unusable: trying again cannot help
+};
+
+// Grows the body buffer to cbNew bytes through a fresh zeroed block, wiping the old one: a
+// token answer passes through here and must not be left behind in freed memory.
+char *GrowBody(char *pOld, DWORD cbOld, DWORD cbNew)
+{
+    char *pNew = static_cast<char *>(calloc(cbNew, 1));
+    if (pNew)
+        memcpy(pNew, pOld, cbOld);
+    SecureZeroMemory(pOld, cbOld);
+    free(pOld);
+    return pNew;
+}
+
+// Reads the whole body; always leaves a zero-terminated text unless a growth failed.
+void ReadBody(HINTERNET hRequest, KVC_WEB_RESPONSE *resp)
+{
+    DWORD cbBody = 0; // bytes read so far, terminator excluded
+    resp->body = static_cast<char *>(calloc(1, 1));
+    if (!resp->body) {
+        LogMsgError(L"KVCDoWebCall calloc failure", GetLastError(), KSP_LOG_FAILURE);
+        return;
+    }
+    for (;;) {
+        DWORD cbAvailable = 0;
+        if (!WinHttpQueryDataAvailable(hRequest, &cbAvailable)) {
+            resp->lastError = GetLastError();
+            LogMsgError(L"KVCDoWebCall WinHttpQueryDataAvailable", resp->lastError, KSP_LOG_FAILURE);
+            return;
+        }
+        if (cbAvailable == 0)
+            return;
+        if (cbAvailable > MAXDWORD - 1 - cbBody) {
+            resp->lastError = ERROR_NOT_ENOUGH_MEMORY;
+            LogMsgError(L"KVCDoWebCall calloc failure", resp->lastError, KSP_LOG_FAILURE);
+            return;
+        }
+        resp->body = GrowBody(resp->body, cbBody + 1, cbBody + cbAvailable + 1);
+        if (!resp->body) {
+            resp->lastError = ERROR_NOT_ENOUGH_MEMORY;
+            LogMsgError(L"KVCDoWebCall calloc failure", resp->lastError, KSP_LOG_FAILURE);
+            return;
+        }
+        DWORD cbRead = 0;
+        if (!WinHttpReadData(hRequest, resp->body + cbBody, cbAvailable, &cbRead)) {
+            resp->lastError = GetLastError();
+            LogMsgError(L"KVCDoWebCall WinHttpReadData", resp->lastError, KSP_LOG_FAILURE);
+            return;
+        }
+        cbBody += cbRead;
+        resp->body[cbBody] = 0;
+        if (cbRead == 0) // the server closed early: nothing more will come
+            return;
+    }
+}
+
+void ReadStatusAndHeaders(HINTERNET hRequest, KVC_WEB_RESPONSE *resp)
+{
+    DWORD cbStatus = sizeof(resp->status);
+    if (!WinHttpQueryHeaders(hRequest, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER,
+                             WINHTTP_HEADER_NAME_BY_INDEX, &resp->status, &cbStatus, WINHTTP_NO_HEADER_INDEX))
+        resp->lastError = GetLastError();
+
+    DWORD cbHeaders = 0;
+    if (WinHttpQueryHeaders(hRequest, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, nullptr,
+                            &cbHeaders, WINHTTP_NO_HEADER_INDEX) ||
+        GetLastError() != ERROR_INSUFFICIENT_BUFFER)
+        return;
+    // One spare character keeps the text terminated whatever the reported size includes.
+    WCHAR *pszHeaders = static_cast<WCHAR *>(calloc(cbHeaders / sizeof(WCHAR) + 1, sizeof(WCHAR)));
+    if (!pszHeaders) {
+        LogMsgError(L"KVCDoWebCall WinHttpQueryHeaders memory allocation failed", GetLastError(), KSP_LOG_FAILURE);
+        return;
+    }
+    if (WinHttpQueryHeaders(hRequest, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, pszHeaders,
+                            &cbHeaders, WINHTTP_NO_HEADER_INDEX))
+        resp->headers = BldStrNewStr(pszHeaders);
+    else
+        resp->lastError = GetLastError();
+    free(pszHeaders);
+}
+
+Attempt OneAttempt(KVC_WEB_RESPONSE *resp, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath,
+                   const WCHAR *pszVerb, const WCHAR *pszHeaders, const char *pszBody)
+{
+    InternetHandle session(WinHttpOpen(kUserAgent, WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
+                                       WINHTTP_NO_PROXY_BYPASS, 0));
+    if (!session) {
+        resp->lastError = GetLastError();
+        LogMsgError(L"KVCDoWebCall WinHttpOpen Failed", resp->lastError, KSP_LOG_FAILURE);
+        return Attempt::Stop;
+    }
+    InternetHandle connection(WinHttpConnect(session.get(), pszHost, wPort, 0));
+    if (!connection) {
+        resp->lastError = GetLastError();
+        LogMsgError(L"KVCDoWebCall WinHttpConnect Failed", resp->lastError, KSP_LOG_FAILURE);
+        return Attempt::Stop;
+    }
+    DWORD dwFlags = wPort == kTlsPort ? WINHTTP_FLAG_SECURE : 0;
+    InternetHandle request(WinHttpOpenRequest(connection.get(), pszVerb, pszPath, nullptr, WINHTTP_NO_REFERER,
+                                              WINHTTP_DEFAULT_ACCEPT_TYPES, dwFlags));
+    if (!request) {
+        resp->lastError = GetLastError();
+        LogMsgError(L"KVCDoWebCall WinHttpOpenRequest Failed", resp->lastError, KSP_LOG_FAILURE);
+        return Attempt::Retry;
+    }
+    // Every call has its own connection: closing the session ends it on Windows, but Wine keeps
+    // a process-wide pool, so the connection is told not to outlive its one request.
+    DWORD dwDisable = WINHTTP_DISABLE_KEEP_ALIVE;
+    WinHttpSetOption(request.get(), WINHTTP_OPTION_DISABLE_FEATURE, &dwDisable, sizeof(dwDisable));
+    DWORD cbBody = pszBody ? static_cast<DWORD>(strlen(pszBody)) : 0;
+    if (!WinHttpSendRequest(request.get(), pszHeaders ? pszHeaders : WINHTTP_NO_ADDITIONAL_HEADERS,
+                            pszHeaders ? static_cast<DWORD>(-1L) : 0,
+                            pszBody ? const_cast<char *>(pszBody) : WINHTTP_NO_REQUEST_DATA, cbBody, cbBody, 0)) {
+        resp->lastError = GetLastError();
+        if (resp->lastError == ERROR_WINHTTP_CANNOT_CONNECT) {
+            LogMsgError(L"KVCDoWebCall WinHttpSendRequest Failed - Sleeping 20 Seconds", resp->lastError,
+                        KSP_LOG_FAILURE);
+            KspSleep(kCannotConnectWaitMs);
+        } else {
+            LogMsgError(L"KVCDoWebCall WinHttpSendRequest Failed", resp->lastError, KSP_LOG_FAILURE);
+        }
+        return Attempt::Retry;
+    }
+    if (!WinHttpReceiveResponse(request.get(), nullptr)) {
+        resp->lastError = GetLastError();
+        LogMsgError(L"KVCDoWebCall WinHttpReceiveResponse", resp->lastError, KSP_LOG_FAILURE);
+        return Attempt::Retry;
+    }
+    ReadBody(request.get(), resp);
+    ReadStatusAndHeaders(request.get(), resp);
+    return Attempt::Done;
+}
+
+// Forgets what an earlier attempt left, so the record describes the final attempt alone.
+void ResetResponse(KVC_WEB_RESPONSE *resp)
+{
+    resp->status = 0;
+    resp->lastError = 0;
+    if (resp->body) {
+        SecureZeroMemory(resp->body, strlen(resp->body));
+        free(resp->body);
+        resp->body = nullptr;
+    }
+    BldStrFree(resp->headers);
+    resp->headers = nullptr;
+}
+
+} // namespace
+
+KVC_WEB_RESPONSE *KVCDoWebCall(KVC *, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath, const WCHAR *pszVerb,
+                               const WCHAR *pszHeaders, const char *pszBody)
+{
+    LogMsg(L"KVCDoWebCall", KSP_LOG_STEP);
+    KVC_WEB_RESPONSE *resp = static_cast<KVC_WEB_RESPONSE *>(calloc(1, sizeof(KVC_WEB_RESPONSE)));
+    if (!resp) {
+        LogMsgError(L"KVCDoWebCall allocated response", GetLastError(), KSP_LOG_FAILURE);
+        return nullptr;
+    }
+    Attempt outcome = Attempt::Stop;
+    for (int attempt = 1; attempt <= kAttempts; attempt++) {
+        ResetResponse(resp);
+        outcome = OneAttempt(resp, wPort, pszHost, pszPath, pszVerb, pszHeaders, pszBody);
+        if (outcome != Attempt::Retry)
+            break;
+        // Nothing follows the last attempt, so it is not followed by a pause either.
+        if (attempt < kAttempts)
+            KspSleep(kRetryWaitMs);
+    }
+    if (outcome != Attempt::Done)
+        LogMsgError(L"KVCDoWebCall failure", resp->lastError, KSP_LOG_FAILURE);
+    return resp;
+}
+
+void KVCFreeWebResponse(KVC_WEB_RESPONSE *resp)
+{
+    if (!resp)
+        return;
+    ResetResponse(resp);
+    free(resp);
+}
+
+WCHAR *KVCJoinText(std::initializer_list<const WCHAR *> pieces)
+{
+    size_t cch = 0;
+    for (const WCHAR *piece : pieces)
+        cch += piece ? wcslen(piece) : 0;
+    WCHAR *pszJoined = static_cast<WCHAR *>(calloc(cch + 1, sizeof(WCHAR)));
+    if (!pszJoined)
+        return nullptr;
+    WCHAR *pEnd = pszJoined;
+    for (const WCHAR *piece : pieces) {
+        if (!piece)
+            continue;
+        size_t cchPiece = wcslen(piece);
+        memcpy(pEnd, piece, cchPiece * sizeof(WCHAR));
+        pEnd += cchPiece;
+    }
+    return pszJoined;
+}
+
+void KVCWipeFreeText(WCHAR *psz)
+{
+    if (!psz)
+        return;
+    SecureZeroMemory(psz, wcslen(psz) * sizeof(WCHAR));
+    free(psz);
+}
+
+void KVCWipeFreeBytes(char *psz)
+{
+    if (!psz)
+        return;
+    SecureZeroMemory(psz, strlen(psz));
+    free(psz);
+}
