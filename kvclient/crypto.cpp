@@ -1,2 +1,120 @@
-// placeholder
+// Cryptographic operations: every use of a private key (sign, decrypt) and the vault-side
+// verify and encrypt go through KVCCryptoOp, which posts the bytes to the key's operation and
+// hands back the answer's bytes or verdict. It knows nothing of CNG padding or hash names.
 #include "kvclient/kvc.h"
+#include "kvclient/kvjson.h"
+
+#include <stdlib.h>
+
+namespace {
+
+constexpr DWORD kHttpOk = 200;
+constexpr DWORD kHttpTooManyRequests = 429;
+
+// Standard base64 of the bytes, or null when there are none or they cannot be encoded.
+struct Base64Text {
+    WCHAR *psz;
+    Base64Text(const BYTE *pb, DWORD cb) : psz(pb ? KVCKKVKSP_ToBase64(pb, cb) : nullptr) {}
+    ~Base64Text() { KVCWipeFreeText(psz); } // plaintexts and ciphertexts pass this way
+    Base64Text(const Base64Text &) = delete;
+    Base64Text &operator=(const Base64Text &) = delete;
+};
+
+// A calloc'd wide copy of narrow text in the system code page; null when it yields nothing.
+WCHAR *AnsiToWide(const char *psz)
+{
+    int cch = psz ? MultiByteToWideChar(CP_ACP, 0, psz, -1, nullptr, 0) : 0;
+    if (cch < 1)
+        return nullptr;
+    auto *pwsz = static_cast<WCHAR *>(calloc(static_cast<size_t>(cch) + 1, sizeof(WCHAR)));
+    if (pwsz && MultiByteToWideChar(CP_ACP, 0, psz, -1, pwsz, cch) < 1) {
+        free(pwsz);
+        return nullptr;
+    }
+    return pwsz;
+}
+
+// {"alg":"..."[,"digest":"..."][,"value":"..."]} as narrow text, built at its final size. The
+// algorithm names come from the provider's own tables and the rest is base64, so nothing needs
+// escaping. A null algorithm goes out empty and the vault's refusal is the caller's answer; a
+// member whose bytes cannot be encoded is left out, likewise for the vault to judge.
+char *BuildBody(const WCHAR *pszAlg, const Base64Text &digest, const Base64Text &value)
+{
+    WCHAR *pszBody = KVCJoinText({L"{\"alg\":\"", pszAlg, L"\"", digest.psz ? L",\"digest\":\"" : nullptr,
+                                  digest.psz, digest.psz ? L"\"" : nullptr, value.psz ? L",\"value\":\"" : nullptr,
+                                  value.psz, value.psz ? L"\"" : nullptr, L"}"});
+    char *pszNarrow = pszBody ? WStrToBytesStr(pszBody) : nullptr;
+    KVCWipeFreeText(pszBody);
+    return pszNarrow;
+}
+
+} // namespace
+
+SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKeyName, const WCHAR *pszKeyVersion,
+                            BOOL fVerify, const WCHAR *pszAlg, const BYTE *pbInput, DWORD cbInput, BYTE *pbOutput,
+                            DWORD *pcbOutput)
+{
+    LogMsg2(L"KVCCryptoOp called", pszAction, KSP_LOG_STEP);
+    if (!pszKeyName) {
+        LogMsg(L"KVCCryptoOp NULL Key Name", KSP_LOG_FAILURE);
+        return NTE_INVALID_PARAMETER;
+    }
+    if (!kvc) {
+        LogMsg(L"KVCCryptoOp NULL KVC", KSP_LOG_FAILURE);
+        return NTE_INVALID_PARAMETER;
+    }
+    if (!pcbOutput) {
+        LogMsg(L"KVCCryptoOp NULL Output Length", KSP_LOG_FAILURE);
+        return NTE_INVALID_PARAMETER;
+    }
+
+    // Only verification sends a digest: pbOutput is the caller's result buffer otherwise.
+    char *pszBody = BuildBody(pszAlg, Base64Text(fVerify ? pbOutput : nullptr, fVerify ? *pcbOutput : 0),
+                              Base64Text(pbInput, cbInput));
+    // A null version leaves "<name>/" and the vault's latest version answers.
+    WCHAR *pszPath = KVCJoinText({pszKeyName, L"/", pszKeyVersion});
+
+    // Five calls at most, 1, 2, 4, 8 and 16 s apart; the fifth 429 still costs its 16 s. The frame
+    // yields 0 for the vault's refusals too; those are told apart by their status, so only a call
+    // that got no answer at all counts as the frame's own error.
+    SECURITY_STATUS status = 0;
+    KVC_THROTTLE throttle = {L"KVCCryptoOp ActionThrottled", 1000, 16000, FALSE};
+    do {
+        kvc->lastStatus = 0; // a call that never went out must not be read as the last one's status
+        if (!KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_KEYS, pszPath, L"POST", pszAction, pszBody, L"7.0") &&
+            kvc->lastStatus == 0) {
+            LogMsgError(L"KVCCryptoOp KVCDoKVRESTCall Error", kvc->lastStatus, KSP_LOG_FAILURE);
+            status = NTE_FAIL;
+        } else if (kvc->lastStatus != kHttpOk && kvc->lastStatus != kHttpTooManyRequests) {
+            LogMsgError(L"KVCCryptoOp Failed", kvc->lastStatus, KSP_LOG_FAILURE);
+            status = NTE_FAIL;
+        }
+    } while (!status && KVCThrottleWait(&throttle, kvc->lastStatus));
+    KVCWipeFreeBytes(pszBody);
+    free(pszPath);
+    if (status)
+        return status;
+
+    // Still throttled after the last wait: the throttling answer is read like any other, and
+    // having no "value" it ends in NTE_INVALID_PARAMETER.
+    if (!kvc->lastResponse || !*kvc->lastResponse) {
+        LogMsgError(L"KVCCryptoOp Failed", kvc->lastStatus, KSP_LOG_FAILURE);
+        return NTE_FAIL;
+    }
+    KVCJsonDoc answer = KVCJsonParse(kvc->lastResponse);
+    if (!answer || !json_object_object_get(answer.get(), "value"))
+        return NTE_INVALID_PARAMETER;
+    if (fVerify) {
+        // Only a JSON true is a verified signature: json-c would read the text "false" as true.
+        return KVCJsonIsTrue(answer.get(), "value") ? 0 : NTE_BAD_SIGNATURE;
+    }
+
+    WCHAR *pszValue = AnsiToWide(KVCJsonGetString(answer.get(), "value"));
+    if (!pszValue)
+        return NTE_INVALID_PARAMETER;
+    // A null pbOutput makes this a length query, after the vault has done the whole operation.
+    // A buffer too small gets the needed length and NTE_FAIL, not NTE_BUFFER_TOO_SMALL.
+    status = KVCKKVKSP_FromBase64(pszValue, &pbOutput, pcbOutput, FALSE) ? 0 : NTE_FAIL;
+    KVCWipeFreeText(pszValue); // a decryption's answer is the plaintext
+    return status;
+}

@@ -200,16 +200,28 @@ BOOL KVCEvaluateCertsInStore(BOOL fUser, const WCHAR *pszName, BYTE *pbCert, DWO
 
 // ---- Key creation -------------------------------------------------------------------------
 
+// The vault key type a CNG algorithm name asks for, compared exactly and case-sensitively: the
+// six EC names give "EC" and their curve; any other name gives "RSA" and no curve, and the key
+// length is then sent. Plain and certificate-backed creation both add "-HSM" first.
+struct KVC_KEY_TYPE {
+    const WCHAR *pszKty;
+    const WCHAR *pszCrv; // null for RSA
+};
+KVC_KEY_TYPE KVCKeyTypeFromAlgorithm(const WCHAR *pszAlgorithm);
+
 // Creates the key named pszKeyName (clear) in the vault, as a certificate-backed key when the
 // client is in certificate mode, else as a plain key, and fills *pKey. 0 or NTE_INTERNAL_ERROR.
 SECURITY_STATUS KVCCreateKey(const WCHAR *pszKeyName, KVC *kvc, const WCHAR *pszAlgorithm, DWORD dwKeyBitLength,
                              DWORD dwExportPolicy, KVKey *pKey);
-// A plain vault key, "-HSM" first and a software key after a 403. dwUnused is not read. 1 or 0.
+// A plain vault key, "-HSM" first and a software key after a 403. dwUnused is not read. 1 or 0;
+// deliberately 1 with an empty record when the HSM request met another 400..410 or throttling
+// outlasted the waits.
 int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName, const WCHAR *pszAlgorithm,
                          DWORD dwKeyBitLength, DWORD dwUnused, KVKey *pKey);
 // A key made by the vault behind a certificate: create (202, pending), then merge a placeholder
-// certificate over the vault's CSR, or the given certificate (pbCert/cbCert) when one is passed.
-// *pKey is then read back from the vault. 1 or 0.
+// certificate over the vault's CSR, or the given certificate (pbCert/cbCert) when one is passed:
+// that one must already be a certificate of the vault key, which the vault is then told to keep
+// ("reuse_key"). *pKey is then read back from the vault. 1 or 0.
 int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName,
                                     const WCHAR *pszAlgorithm, DWORD dwKeyBitLength, KVKey *pKey, DWORD fExportable,
                                     const BYTE *pbCert, DWORD cbCert);
@@ -219,6 +231,10 @@ int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const W
 // Deletes (and unless DoDeletePurge says otherwise, purges) the vault object behind the clear
 // key name: its certificate in certificate mode, else the key. 0 or NTE_INTERNAL_ERROR.
 SECURITY_STATUS KVCKeyDelete(const WCHAR *pszKeyName, KVC *kvc);
+// DELETE of the key (certificate) by its vault name, then, when kvc->fPurge, of its soft-deleted
+// remains, even after a failed delete. 409 and 429 wait 1 s, doubling, on one counter for both
+// steps: 409 is retried while the wait stays within 16 s, 429 within 64 s (127 s of sleep at
+// most in all). 1 when the object is gone (deleted or purged), else 0.
 int KVCLowLevelDeleteKey(KVC *kvc, const WCHAR *pszEncodedName);
 int KVCLowLevelDeleteKeyCertificate(KVC *kvc, const WCHAR *pszEncodedName);
 
