@@ -1,13 +1,310 @@
-// Signing and verification.
-// Not built yet: each entry answers NTE_NOT_SUPPORTED until its operation lands.
+// Signing and verification: both are done by the vault. These entries only turn CNG's padding,
+// hash name and key type into a vault algorithm, bring the hash to the length that algorithm
+// wants, and hand the work to KVCCryptoOp. An EC signature is the vault's raw r then s, which is
+// CNG's layout too, so nothing is converted on the way back.
 #include "ksp/ksp.h"
 
-extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, VOID *, PBYTE, DWORD, PBYTE, DWORD, DWORD *, DWORD)
+#include <string.h>
+#include <wchar.h>
+
+namespace {
+
+constexpr DWORD kSignFlags = BCRYPT_PAD_PKCS1 | BCRYPT_PAD_PSS | NCRYPT_SILENT_FLAG;
+constexpr DWORD kSha1Bytes = 20;
+constexpr DWORD kEcScratchBytes = 64; // the longest digest an ES algorithm takes (ES512)
+// With no size known, room for the largest signature the vault makes (RSA 4096) is asked for.
+constexpr DWORD kUnknownSignatureBytes = 512;
+// Every curve answers the P-521 size: a bound the caller can always use.
+constexpr DWORD kEcSignatureBytes = 132;
+
+// DER of a DigestInfo for SHA-1, up to the hash itself. "RSNULL" pads what it is given without
+// adding a DigestInfo, so for SHA-1 (which the vault has no RS algorithm for) it is built here.
+constexpr BYTE kSha1DigestInfoPrefix[] = {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2B, 0x0E,
+                                          0x03, 0x02, 0x1A, 0x05, 0x00, 0x04, 0x14};
+constexpr DWORD kSha1DigestInfoBytes = sizeof(kSha1DigestInfoPrefix) + kSha1Bytes;
+
+struct HashAlgorithm {
+    DWORD dwPadding; // BCRYPT_PAD_PKCS1 or BCRYPT_PAD_PSS
+    const WCHAR *pszHash;
+    const WCHAR *pszVaultAlg;
+};
+constexpr HashAlgorithm kRsaAlgorithms[] = {
+    {BCRYPT_PAD_PKCS1, L"SHA256", L"RS256"}, {BCRYPT_PAD_PKCS1, L"SHA384", L"RS384"},
+    {BCRYPT_PAD_PKCS1, L"SHA512", L"RS512"}, {BCRYPT_PAD_PSS, L"SHA256", L"PS256"},
+    {BCRYPT_PAD_PSS, L"SHA384", L"PS384"},   {BCRYPT_PAD_PSS, L"SHA512", L"PS512"},
+};
+
+struct EcAlgorithm {
+    const WCHAR *pszVaultAlg;
+    DWORD cbHash;
+};
+constexpr EcAlgorithm kEs256 = {L"ES256", 32}, kEs384 = {L"ES384", 48}, kEs512 = {L"ES512", 64};
+
+// What goes to the vault: its algorithm and the bytes to sign or check, which are the caller's
+// hash, a DigestInfo around it, or the hash brought to the curve's length.
+struct SignInput {
+    const WCHAR *pszVaultAlg = nullptr;
+    const BYTE *pbData = nullptr;
+    DWORD cbData = 0;
+    BYTE scratch[kEcScratchBytes] = {};
+};
+
+// The RS or PS algorithm for a hash name (any case); SHA-1 only with PKCS1 and exactly 20
+// bytes, and then over a DigestInfo. False for anything else.
+bool MapRsaHash(DWORD dwPadding, LPCWSTR pszHash, const BYTE *pbHash, DWORD cbHash, SignInput *pInput)
 {
-    return NTE_NOT_SUPPORTED;
+    if (dwPadding == BCRYPT_PAD_PKCS1 && _wcsicmp(pszHash, L"SHA1") == 0 && cbHash == kSha1Bytes) {
+        memcpy(pInput->scratch, kSha1DigestInfoPrefix, sizeof(kSha1DigestInfoPrefix));
+        memcpy(pInput->scratch + sizeof(kSha1DigestInfoPrefix), pbHash, kSha1Bytes);
+        pInput->pszVaultAlg = L"RSNULL";
+        pInput->pbData = pInput->scratch;
+        pInput->cbData = kSha1DigestInfoBytes;
+        return true;
+    }
+    for (const HashAlgorithm &alg : kRsaAlgorithms) {
+        if (alg.dwPadding == dwPadding && _wcsicmp(pszHash, alg.pszHash) == 0) {
+            pInput->pszVaultAlg = alg.pszVaultAlg;
+            pInput->pbData = pbHash;
+            pInput->cbData = cbHash;
+            return true;
+        }
+    }
+    return false;
 }
 
-extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPVerifySignature(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, VOID *, PBYTE, DWORD, PBYTE, DWORD, DWORD)
+// ES384 or ES512 when the key's algorithm name says so, else ES256.
+EcAlgorithm EcAlgorithmOfName(const WCHAR *pszAlgorithm)
 {
-    return NTE_NOT_SUPPORTED;
+    if (wcsstr(pszAlgorithm, L"384"))
+        return kEs384;
+    if (wcsstr(pszAlgorithm, L"521"))
+        return kEs512;
+    return kEs256;
+}
+
+// Brings the hash to the algorithm's length inside the scratch buffer: a short hash gets zeros
+// in front, a long one keeps its rightmost bytes. (FIPS 186 would keep the leftmost; this
+// provider has always signed the rightmost, and a signature must keep meaning the same hash.)
+void ResizeEcHash(const WCHAR *pszResizeMsg, const WCHAR *pszKeyAlgorithm, const EcAlgorithm &alg, const BYTE *pbHash,
+                  DWORD cbHash, SignInput *pInput, const WCHAR *pszResizedMsg)
+{
+    LogMsgNum(pszResizeMsg, pszKeyAlgorithm, static_cast<int>(cbHash), KSP_LOG_STEP);
+    SecureZeroMemory(pInput->scratch, sizeof(pInput->scratch));
+    if (cbHash < alg.cbHash)
+        memcpy(pInput->scratch + (alg.cbHash - cbHash), pbHash, cbHash);
+    else
+        memcpy(pInput->scratch, pbHash + (cbHash - alg.cbHash), alg.cbHash);
+    pInput->pszVaultAlg = alg.pszVaultAlg;
+    pInput->pbData = pInput->scratch;
+    pInput->cbData = alg.cbHash;
+    LogMsg2(pszResizedMsg, alg.pszVaultAlg, KSP_LOG_STEP);
+}
+
+// The exact-name check made when an EC hash already has the curve's length.
+const WCHAR *EsAlgorithmOfExactName(const WCHAR *pszAlgorithm)
+{
+    constexpr const WCHAR *kNames[][2] = {
+        {L"ECDH_P256", L"ES256"}, {L"ECDSA_P256", L"ES256"}, {L"ECDH_P384", L"ES384"},
+        {L"ECDSA_P384", L"ES384"}, {L"ECDH_P521", L"ES512"}, {L"ECDSA_P521", L"ES512"},
+    };
+    for (const auto &name : kNames)
+        if (_wcsicmp(pszAlgorithm, name[0]) == 0)
+            return name[1];
+    return nullptr;
+}
+
+SECURITY_STATUS SignFailed(SECURITY_STATUS status)
+{
+    LogMsgError(L"KestalKeyVaultKSPSignHash", static_cast<DWORD>(status), KSP_LOG_FAILURE);
+    return status;
+}
+
+SECURITY_STATUS VerifyFailed(SECURITY_STATUS status)
+{
+    LogMsgError(L"KestalKeyVaultKSPVerifySignature", static_cast<DWORD>(status), KSP_LOG_FAILURE);
+    return status;
+}
+
+KVC *ClientOfKey(const KSP_PROVIDER *provider, const KSP_KEY *pKey)
+{
+    return pKey->dwMachineKey ? provider->kvcMachine : provider->kvcUser;
+}
+
+} // namespace
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey,
+                                                            VOID *pPaddingInfo, PBYTE pbHashValue, DWORD cbHashValue,
+                                                            PBYTE pbSignature, DWORD cbSignature, DWORD *pcbResult,
+                                                            DWORD dwFlags)
+{
+    LogMsg(L"KestalKeyVaultKSPSignHash", KSP_LOG_ENTRY);
+    KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
+    KSP_KEY *pKey = KspKeyFromHandle(hKey);
+    if (!provider || !pKey)
+        return SignFailed(NTE_INVALID_HANDLE);
+    if (!pcbResult)
+        return SignFailed(NTE_INVALID_PARAMETER);
+    if (dwFlags & ~kSignFlags)
+        return SignFailed(NTE_BAD_FLAGS);
+    if (!pKey->fFinished)
+        return SignFailed(NTE_BAD_KEY_STATE);
+    if (!(pKey->dwKeyUsagePolicy & NCRYPT_ALLOW_SIGNING_FLAG))
+        return SignFailed(NTE_PERM);
+
+    const KVKey &kvKey = pKey->kvKey;
+    if (!pbSignature) {
+        LogMsg(L"KestalKeyVaultKSPSignHash pbSignature is NULL - return kvk.n_siz bytes", KSP_LOG_STEP);
+        *pcbResult = kUnknownSignatureBytes;
+        if (!kvKey.isEC && kvKey.n_siz)
+            *pcbResult = kvKey.n_siz;
+        if (kvKey.isEC && (kvKey.x_siz == 32 || kvKey.x_siz == 48 || kvKey.x_siz == 66))
+            *pcbResult = kEcSignatureBytes;
+        return ERROR_SUCCESS;
+    }
+    if (!pbHashValue) {
+        LogMsg(L"KestalKeyVaultKSPSignHash pbHashValue is NULL", KSP_LOG_FAILURE);
+        return SignFailed(NTE_INVALID_PARAMETER);
+    }
+    if (cbHashValue == 0) {
+        LogMsg(L"KestalKeyVaultKSPSignHash cbHashValue is 0", KSP_LOG_FAILURE);
+        return SignFailed(NTE_INVALID_PARAMETER);
+    }
+    LogMsgNum(L"KestalKeyVaultKSPSignHash", L"dwFlags ", static_cast<int>(dwFlags), KSP_LOG_STEP);
+    LogMsgNum(L"KestalKeyVaultKSPSignHash", kvKey.isEC ? L"ECC cbHashValue" : L"RSA cbHashValue",
+              static_cast<int>(cbHashValue), KSP_LOG_STEP);
+
+    SignInput input;
+    if ((dwFlags & BCRYPT_PAD_PKCS1) && !kvKey.isEC) {
+        auto *pInfo = static_cast<BCRYPT_PKCS1_PADDING_INFO *>(pPaddingInfo);
+        if (!pInfo || !pInfo->pszAlgId) {
+            LogMsg(L"KestalKeyVaultKSPSignHash pPaddingInfo or pszAlgId NULL", KSP_LOG_FAILURE);
+            return SignFailed(NTE_NOT_SUPPORTED);
+        }
+        LogMsg2(L"KestalKeyVaultKSPSignHash", pInfo->pszAlgId, KSP_LOG_STEP);
+        if (!MapRsaHash(BCRYPT_PAD_PKCS1, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
+            LogMsg2(L"KestalKeyVaultKSPSignHash Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
+            return SignFailed(NTE_NOT_SUPPORTED);
+        }
+    } else if ((dwFlags & BCRYPT_PAD_PSS) && !kvKey.isEC) {
+        auto *pInfo = static_cast<BCRYPT_PSS_PADDING_INFO *>(pPaddingInfo);
+        if (!pInfo) {
+            LogMsg(L"KestalKeyVaultKSPSignHash pPaddingInfo NULL", KSP_LOG_FAILURE);
+            return SignFailed(NTE_NOT_SUPPORTED);
+        }
+        // The vault's PS algorithms fix the salt at the hash length: cbSalt is only reported.
+        LogMsgNum(L"KestalKeyVaultKSPSignHash", pInfo->pszAlgId, static_cast<int>(pInfo->cbSalt), KSP_LOG_STEP);
+        if (!pInfo->pszAlgId) {
+            LogMsg2(L"KestalKeyVaultKSPSignHash", L"phashinfo->pszAlgId == NULL", KSP_LOG_FAILURE);
+            return SignFailed(NTE_NOT_SUPPORTED);
+        }
+        if (!MapRsaHash(BCRYPT_PAD_PSS, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
+            LogMsg2(L"KestalKeyVaultKSPSignHash Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
+            return SignFailed(NTE_NOT_SUPPORTED);
+        }
+    } else if (dwFlags == 0 && kvKey.isEC) {
+        EcAlgorithm alg = EcAlgorithmOfName(pKey->szAlgorithm);
+        if (cbHashValue != alg.cbHash) {
+            ResizeEcHash(L"KestalKeyVaultKSPSignHash Resize Hash", pKey->szAlgorithm, alg, pbHashValue, cbHashValue,
+                         &input, L"KestalKeyVaultKSPSignHash Resized the Hash");
+        } else {
+            // Only a hash of the right length meets this check: a resized one has already
+            // been accepted by the search for "384" and "521" alone.
+            input.pszVaultAlg = EsAlgorithmOfExactName(pKey->szAlgorithm);
+            if (!input.pszVaultAlg) {
+                LogMsg2(L"KestalKeyVaultKSPSignHash Bad Alg", pKey->szAlgorithm, KSP_LOG_FAILURE);
+                return SignFailed(NTE_INVALID_PARAMETER);
+            }
+            input.pbData = pbHashValue;
+            input.cbData = cbHashValue;
+        }
+    } else {
+        LogMsgNum(L"KestalKeyVaultKSPSignHash", L"Bad Flag", static_cast<int>(dwFlags), KSP_LOG_FAILURE);
+        return SignFailed(NTE_INVALID_PARAMETER);
+    }
+
+    LogMsg(L"KestalKeyVaultKSPSignHash pbSignature is NOT NULL", KSP_LOG_STEP);
+    KVC *kvc = ClientOfKey(provider, pKey);
+    if (!KVCAuthenticate(kvc, nullptr)) {
+        LogMsgError(L"KestalKeyVaultKSPSignHash Authenticate Failed ", static_cast<DWORD>(SEC_E_LOGON_DENIED),
+                    KSP_LOG_FAILURE);
+        return SignFailed(SEC_E_LOGON_DENIED);
+    }
+    LogMsg2(L"KestalKeyVaultKSPSignHash algId and Data", input.pszVaultAlg, KSP_LOG_STEP);
+    *pcbResult = cbSignature;
+    SECURITY_STATUS status = KVCCryptoOp(kvc, L"sign", kvKey.name, kvKey.version, FALSE, input.pszVaultAlg,
+                                         input.pbData, input.cbData, pbSignature, pcbResult);
+    return status == ERROR_SUCCESS ? status : SignFailed(status);
+}
+
+extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPVerifySignature(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey,
+                                                                   VOID *pPaddingInfo, PBYTE pbHashValue,
+                                                                   DWORD cbHashValue, PBYTE pbSignature,
+                                                                   DWORD cbSignature, DWORD dwFlags)
+{
+    LogMsg(L"KestalKeyVaultKSPVerifySignature", KSP_LOG_ENTRY);
+    KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
+    KSP_KEY *pKey = KspKeyFromHandle(hKey);
+    if (!provider || !pKey)
+        return VerifyFailed(NTE_INVALID_HANDLE);
+    if (!pKey->fFinished)
+        return VerifyFailed(NTE_BAD_KEY_STATE);
+    if (!pbHashValue || cbHashValue == 0)
+        return VerifyFailed(NTE_INVALID_PARAMETER);
+    if (dwFlags & ~kSignFlags)
+        return VerifyFailed(NTE_BAD_FLAGS);
+    // Anyone may check a signature: the key's usage is not consulted.
+
+    const KVKey &kvKey = pKey->kvKey;
+    SignInput input;
+    if (!(dwFlags & (BCRYPT_PAD_PKCS1 | BCRYPT_PAD_PSS)) && kvKey.isEC) {
+        EcAlgorithm alg = EcAlgorithmOfName(pKey->szAlgorithm);
+        if (cbHashValue != alg.cbHash) {
+            ResizeEcHash(L"KestalKeyVaultKSPVerifySignature Resize Hash", pKey->szAlgorithm, alg, pbHashValue,
+                         cbHashValue, &input, L"KestalKeyVaultKSPVerifySignature Resized the Hash");
+        } else {
+            input.pszVaultAlg = alg.pszVaultAlg;
+            input.pbData = pbHashValue;
+            input.cbData = cbHashValue;
+        }
+    } else if ((dwFlags & BCRYPT_PAD_PKCS1) && !kvKey.isEC) {
+        auto *pInfo = static_cast<BCRYPT_PKCS1_PADDING_INFO *>(pPaddingInfo);
+        if (!pInfo || !pInfo->pszAlgId) {
+            LogMsg(L"KestalKeyVaultKSPVerifySignature pPaddingInfo or pszAlgId NULL", KSP_LOG_FAILURE);
+            return VerifyFailed(NTE_NOT_SUPPORTED);
+        }
+        if (!MapRsaHash(BCRYPT_PAD_PKCS1, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
+            LogMsg2(L"KestalKeyVaultKSPVerifySignature Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
+            return VerifyFailed(NTE_NOT_SUPPORTED);
+        }
+    } else if ((dwFlags & BCRYPT_PAD_PSS) && !kvKey.isEC) {
+        auto *pInfo = static_cast<BCRYPT_PSS_PADDING_INFO *>(pPaddingInfo);
+        if (!pInfo) {
+            LogMsg(L"KestalKeyVaultKSPVerifySignature pPaddingInfo NULL", KSP_LOG_FAILURE);
+            return VerifyFailed(NTE_NOT_SUPPORTED);
+        }
+        if (!pInfo->pszAlgId) {
+            LogMsg2(L"KestalKeyVaultKSPVerifySignature", L"phashinfo->pszAlgId == NULL", KSP_LOG_FAILURE);
+            return VerifyFailed(NTE_NOT_SUPPORTED);
+        }
+        if (!MapRsaHash(BCRYPT_PAD_PSS, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
+            LogMsg2(L"KestalKeyVaultKSPVerifySignature Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
+            return VerifyFailed(NTE_NOT_SUPPORTED);
+        }
+    } else {
+        LogMsg(L"KestalKeyVaultKSPVerifySignature Non ECC but not BCRYPT_PAD_PKCS1 or BCRYPT_PAD_PSS",
+               KSP_LOG_FAILURE);
+        return VerifyFailed(NTE_NOT_SUPPORTED);
+    }
+
+    KVC *kvc = ClientOfKey(provider, pKey);
+    if (!KVCAuthenticate(kvc, nullptr)) {
+        LogMsgError(L"KestalKeyVaultKSPVerifySignature Authenticate Failed ",
+                    static_cast<DWORD>(SEC_E_LOGON_DENIED), KSP_LOG_FAILURE);
+        return VerifyFailed(SEC_E_LOGON_DENIED);
+    }
+    // The signature travels as "value" and the hash as "digest"; the verdict is the vault's.
+    DWORD cbData = input.cbData;
+    SECURITY_STATUS status = KVCCryptoOp(kvc, L"verify", kvKey.name, kvKey.version, TRUE, input.pszVaultAlg,
+                                         pbSignature, cbSignature, const_cast<BYTE *>(input.pbData), &cbData);
+    return status < 0 ? VerifyFailed(status) : ERROR_SUCCESS;
 }

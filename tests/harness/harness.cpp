@@ -1,6 +1,7 @@
 #include "tests/harness/harness.h"
 
 #include <winhttp.h>
+#include <wincrypt.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -415,6 +416,100 @@ void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std
         throw std::runtime_error("the emulator refused the page plan");
 }
 
+std::vector<BYTE> FromBase64(std::string text)
+{
+    for (char &c : text)
+        c = c == '-' ? '+' : c == '_' ? '/' : c;
+    while (text.size() % 4)
+        text += '=';
+    DWORD cb = 0;
+    if (!CryptStringToBinaryA(text.c_str(), 0, CRYPT_STRING_BASE64, nullptr, &cb, nullptr, nullptr))
+        return {};
+    std::vector<BYTE> bytes(cb);
+    CryptStringToBinaryA(text.c_str(), 0, CRYPT_STRING_BASE64, bytes.data(), &cb, nullptr, nullptr);
+    bytes.resize(cb);
+    return bytes;
+}
+
+std::string ToBase64(const std::vector<BYTE> &bytes)
+{
+    constexpr DWORD kFlags = CRYPT_STRING_BASE64 | CRYPT_STRING_NOCRLF;
+    DWORD cch = 0;
+    if (bytes.empty() || !CryptBinaryToStringA(bytes.data(), static_cast<DWORD>(bytes.size()), kFlags, nullptr, &cch))
+        return "";
+    std::string text(cch, '\0');
+    CryptBinaryToStringA(bytes.data(), static_cast<DWORD>(bytes.size()), kFlags, text.data(), &cch);
+    text.resize(cch);
+    return text;
+}
+
+std::vector<BYTE> HashOf(const wchar_t *bcryptAlgorithm, std::string_view data)
+{
+    BCRYPT_ALG_HANDLE alg = nullptr;
+    if (BCryptOpenAlgorithmProvider(&alg, bcryptAlgorithm, nullptr, 0) != 0)
+        throw std::runtime_error("no BCrypt hash " + Narrow(bcryptAlgorithm));
+    DWORD cbHash = 0, cb = 0;
+    BCryptGetProperty(alg, BCRYPT_HASH_LENGTH, reinterpret_cast<PUCHAR>(&cbHash), sizeof(cbHash), &cb, 0);
+    std::vector<BYTE> hash(cbHash);
+    BCryptHash(alg, nullptr, 0, reinterpret_cast<PUCHAR>(const_cast<char *>(data.data())),
+               static_cast<ULONG>(data.size()), hash.data(), cbHash);
+    BCryptCloseAlgorithmProvider(alg, 0);
+    return hash;
+}
+
+BcryptKey ImportPublicBlob(const std::vector<BYTE> &blob, NTSTATUS *status)
+{
+    ULONG magic = 0;
+    if (blob.size() >= sizeof(magic))
+        memcpy(&magic, blob.data(), sizeof(magic));
+    const struct {
+        ULONG magic1, magic2;
+        const wchar_t *algorithm, *blobType;
+    } kinds[] = {
+        {BCRYPT_RSAPUBLIC_MAGIC, BCRYPT_RSAPUBLIC_MAGIC, BCRYPT_RSA_ALGORITHM, BCRYPT_RSAPUBLIC_BLOB},
+        {BCRYPT_ECDSA_PUBLIC_P256_MAGIC, BCRYPT_ECDH_PUBLIC_P256_MAGIC, BCRYPT_ECDSA_P256_ALGORITHM,
+         BCRYPT_ECCPUBLIC_BLOB},
+        {BCRYPT_ECDSA_PUBLIC_P384_MAGIC, BCRYPT_ECDH_PUBLIC_P384_MAGIC, BCRYPT_ECDSA_P384_ALGORITHM,
+         BCRYPT_ECCPUBLIC_BLOB},
+        {BCRYPT_ECDSA_PUBLIC_P521_MAGIC, BCRYPT_ECDH_PUBLIC_P521_MAGIC, BCRYPT_ECDSA_P521_ALGORITHM,
+         BCRYPT_ECCPUBLIC_BLOB},
+    };
+    NTSTATUS rc = static_cast<NTSTATUS>(0xC000000D); // STATUS_INVALID_PARAMETER: an unknown magic
+    BCRYPT_KEY_HANDLE key = nullptr;
+    for (const auto &kind : kinds) {
+        if (magic != kind.magic1 && magic != kind.magic2)
+            continue;
+        std::vector<BYTE> copy = blob;
+        if (magic == kind.magic2 && kind.magic1 != kind.magic2)
+            memcpy(copy.data(), &kind.magic1, sizeof(magic));
+        BCRYPT_ALG_HANDLE alg = nullptr;
+        rc = BCryptOpenAlgorithmProvider(&alg, kind.algorithm, nullptr, 0);
+        if (rc == 0) {
+            rc = BCryptImportKeyPair(alg, nullptr, kind.blobType, &key, copy.data(),
+                                     static_cast<ULONG>(copy.size()), 0);
+            BCryptCloseAlgorithmProvider(alg, 0);
+        }
+    }
+    if (status)
+        *status = rc;
+    return BcryptKey(rc == 0 ? key : nullptr);
+}
+
+std::vector<BYTE> ExportKeyBlob(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp, NCRYPT_PROV_HANDLE provider,
+                                NCRYPT_KEY_HANDLE key, const wchar_t *blobType, SECURITY_STATUS *status)
+{
+    DWORD cb = 0;
+    SECURITY_STATUS rc = ksp.ExportKey(provider, key, 0, blobType, nullptr, nullptr, 0, &cb, 0);
+    std::vector<BYTE> blob(cb);
+    if (rc == 0)
+        rc = ksp.ExportKey(provider, key, 0, blobType, nullptr, blob.data(), cb, &cb, 0);
+    if (status)
+        *status = rc;
+    if (rc != 0)
+        blob.clear();
+    return blob;
+}
+
 void VaultProviderTest::SetUp()
 {
     emulator.Reset();
@@ -512,4 +607,31 @@ std::vector<std::string> VaultProviderTest::Log(std::string_view prefix) const
     return MessagesStartingWith(LogMessages(text), prefix);
 }
 
+void VaultKeyTest::SetUp()
+{
+    VaultProviderTest::SetUp();
+    UseVault(HKEY_LOCAL_MACHINE, L"kestaltest");
+    provider = OpenProvider();
+}
+
+NCRYPT_KEY_HANDLE VaultKeyTest::SeedAndOpen(const std::string &name, const std::string &members, Json *bundle)
+{
+    Json seeded = SeedKey(emulator, L"kestaltest", name, members);
+    if (bundle)
+        *bundle = std::move(seeded);
+    NCRYPT_KEY_HANDLE h = 0;
+    EXPECT_EQ(Ksp().OpenKey(provider, &h, Widen(name).c_str(), 0, NCRYPT_MACHINE_KEY_FLAG), 0) << name;
+    return h;
+}
+
+std::vector<std::string> VaultKeyTest::CryptoRequests(const char *member) const
+{
+    std::vector<std::string> values;
+    for (const SeenRequest &r : VaultRequests())
+        if (r.method == "POST")
+            values.push_back(JsonString(ParseJson(r.body).get(), member));
+    return values;
+}
+
 } // namespace kestal_test
+

@@ -138,6 +138,22 @@ Json SeedKey(const Emulator &emulator, const std::wstring &vault, const std::str
 // Page i of the vault's listings holds pageSizes[i] keys; later pages the normal size.
 void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std::vector<int> &pageSizes);
 
+// ---- Bytes, and Windows' own cryptography to check the provider against ---------------------
+std::vector<BYTE> FromBase64(std::string text); // standard or URL-safe alphabet, padding optional
+std::string ToBase64(const std::vector<BYTE> &bytes); // standard alphabet with padding
+std::vector<BYTE> HashOf(const wchar_t *bcryptAlgorithm, std::string_view data);
+
+struct BcryptKeyDestroy {
+    void operator()(void *h) const { BCryptDestroyKey(h); }
+};
+using BcryptKey = std::unique_ptr<void, BcryptKeyDestroy>;
+// A BCrypt key from an RSA or ECC public blob, its algorithm chosen by the blob's magic (ECDH
+// magics as ECDSA, so that signatures can be checked); null and *status on failure.
+BcryptKey ImportPublicBlob(const std::vector<BYTE> &blob, NTSTATUS *status = nullptr);
+// The public blob of an open key through a provider table; empty on failure (status in *status).
+std::vector<BYTE> ExportKeyBlob(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp, NCRYPT_PROV_HANDLE provider,
+                                NCRYPT_KEY_HANDLE key, const wchar_t *blobType, SECURITY_STATUS *status = nullptr);
+
 // ---- A provider opened against the emulated vault -----------------------------------------
 // Each test starts with the emulator reset, both settings hives empty, logging at level 10 into
 // a fresh folder (for the DLL and the core alike) and fake time for the core. UseVault points a
@@ -172,6 +188,20 @@ protected:
 private:
     std::unique_ptr<KspRouter> dll_;
     std::vector<std::pair<NCryptFreeProviderFn, NCRYPT_PROV_HANDLE>> open_;
+};
+
+// A provider opened through the DLL with vault "kestaltest" for the machine scope (plain keys),
+// and keys seeded there and opened by name.
+class VaultKeyTest : public VaultProviderTest {
+protected:
+    void SetUp() override;
+    // Seeds the key (members as for SeedKey), opens it with NCRYPT_MACHINE_KEY_FLAG; the emulator's
+    // KeyBundle in *bundle when asked for.
+    NCRYPT_KEY_HANDLE SeedAndOpen(const std::string &name, const std::string &members, Json *bundle = nullptr);
+    // One member ("alg", "value", "digest") of every crypto request (POST) the vault saw, oldest first.
+    std::vector<std::string> CryptoRequests(const char *member = "alg") const;
+
+    NCRYPT_PROV_HANDLE provider = 0;
 };
 
 } // namespace kestal_test

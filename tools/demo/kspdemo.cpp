@@ -1,15 +1,19 @@
 // Demo: loads KestalKeyVaultKSP.dll the way the CNG router does and shows what it offers:
-// the function table, the provider's properties, the vault's keys and one opened key.
+// the function table, the provider's properties, the vault's keys and one opened key; then, for
+// every key, a hash signed in the vault and checked with Windows' own BCrypt against the exported
+// public key, and for RSA keys an encryption that round-trips through the vault.
 // With --seed-settings it first writes demo connection settings for the machine scope and,
 // through the emulated Azure's control API, registers the demo app and gives the demo vault a
 // few keys (inside the test world only: the demo script passes it).
 #include <windows.h>
+#include <bcrypt.h>
 #include <winhttp.h>
 
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <string>
+#include <vector>
 
 #include "ksp/ksp.h"
 
@@ -161,8 +165,9 @@ void PrintProviderProperties(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCR
     }
 }
 
-// Lists the machine scope's keys one by one; the first name goes to *pszFirst.
-void PrintKeys(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider, std::wstring *pszFirst)
+// Lists the machine scope's keys one by one; their names go to *pNames.
+void PrintKeys(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider,
+               std::vector<std::wstring> *pNames)
 {
     std::printf("EnumKeys (machine scope):\n");
     PVOID state = nullptr;
@@ -170,8 +175,7 @@ void PrintKeys(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDL
     SECURITY_STATUS status;
     while ((status = table->EnumKeys(provider, nullptr, &name, &state, NCRYPT_MACHINE_KEY_FLAG)) == 0) {
         std::printf("  %-28ls %ls\n", name->pszName, name->pszAlgid);
-        if (pszFirst->empty())
-            *pszFirst = name->pszName;
+        pNames->push_back(name->pszName);
         table->FreeBuffer(name);
     }
     if (status == static_cast<SECURITY_STATUS>(NTE_NO_MORE_ITEMS))
@@ -196,6 +200,128 @@ void PrintOpenedKey(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_
     std::printf("OpenKey \"%ls\": 0x00000000, %ls, %lu bits\n", name.c_str(), record->szAlgorithm,
                 static_cast<unsigned long>(record->dwKeyBitLength));
     std::printf("FreeKey: 0x%08lX\n", static_cast<unsigned long>(table->FreeKey(provider, key)));
+}
+
+unsigned long Status(LONG status) { return static_cast<unsigned long>(status); }
+
+// A BCrypt key for an exported public blob. ECDH blobs are read as ECDSA keys of the same curve,
+// so that their signatures can be checked too.
+BCRYPT_KEY_HANDLE ImportLocally(std::vector<BYTE> blob, const wchar_t *blobType)
+{
+    ULONG magic = 0;
+    memcpy(&magic, blob.data(), sizeof(magic));
+    const struct {
+        ULONG ecdh, ecdsa;
+        const wchar_t *algorithm;
+    } curves[] = {{BCRYPT_ECDH_PUBLIC_P256_MAGIC, BCRYPT_ECDSA_PUBLIC_P256_MAGIC, BCRYPT_ECDSA_P256_ALGORITHM},
+                  {BCRYPT_ECDH_PUBLIC_P384_MAGIC, BCRYPT_ECDSA_PUBLIC_P384_MAGIC, BCRYPT_ECDSA_P384_ALGORITHM},
+                  {BCRYPT_ECDH_PUBLIC_P521_MAGIC, BCRYPT_ECDSA_PUBLIC_P521_MAGIC, BCRYPT_ECDSA_P521_ALGORITHM}};
+    const wchar_t *algorithm = BCRYPT_RSA_ALGORITHM;
+    for (const auto &curve : curves) {
+        if (magic == curve.ecdh || magic == curve.ecdsa) {
+            memcpy(blob.data(), &curve.ecdsa, sizeof(magic));
+            algorithm = curve.algorithm;
+        }
+    }
+    BCRYPT_ALG_HANDLE alg = nullptr;
+    BCRYPT_KEY_HANDLE key = nullptr;
+    if (BCryptOpenAlgorithmProvider(&alg, algorithm, nullptr, 0) == 0) {
+        if (BCryptImportKeyPair(alg, nullptr, blobType, &key, blob.data(), static_cast<ULONG>(blob.size()), 0) != 0)
+            key = nullptr;
+        BCryptCloseAlgorithmProvider(alg, 0);
+    }
+    return key;
+}
+
+std::vector<BYTE> Sha256(const char *text)
+{
+    std::vector<BYTE> hash(32);
+    BCRYPT_ALG_HANDLE alg = nullptr;
+    if (BCryptOpenAlgorithmProvider(&alg, BCRYPT_SHA256_ALGORITHM, nullptr, 0) == 0) {
+        BCryptHash(alg, nullptr, 0, reinterpret_cast<PUCHAR>(const_cast<char *>(text)),
+                   static_cast<ULONG>(strlen(text)), hash.data(), static_cast<ULONG>(hash.size()));
+        BCryptCloseAlgorithmProvider(alg, 0);
+    }
+    return hash;
+}
+
+// RSA-OAEP through the vault both ways: the provider encrypts (with the vault's public key
+// operation) and decrypts.
+void ShowEncryption(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE key)
+{
+    char secret[] = "a session key for the Kestal demo";
+    std::vector<BYTE> cipher(1024), plain(1024);
+    DWORD cbCipher = 0, cbPlain = 0;
+    SECURITY_STATUS status = table->Encrypt(provider, key, reinterpret_cast<PBYTE>(secret), sizeof(secret) - 1, nullptr,
+                                            cipher.data(), static_cast<DWORD>(cipher.size()), &cbCipher,
+                                            NCRYPT_PAD_OAEP_FLAG);
+    std::printf("  Encrypt RSA-OAEP: 0x%08lX, %lu bytes of ciphertext\n", Status(status),
+                static_cast<unsigned long>(cbCipher));
+    if (status != 0)
+        return;
+    status = table->Decrypt(provider, key, cipher.data(), cbCipher, nullptr, plain.data(),
+                            static_cast<DWORD>(plain.size()), &cbPlain, NCRYPT_PAD_OAEP_FLAG);
+    bool same = status == 0 && cbPlain == sizeof(secret) - 1 && memcmp(plain.data(), secret, cbPlain) == 0;
+    std::printf("  Decrypt RSA-OAEP: 0x%08lX, \"%.*s\" (%s)\n", Status(status), static_cast<int>(cbPlain),
+                reinterpret_cast<const char *>(plain.data()), same ? "round trip OK" : "MISMATCH");
+}
+
+// Signs a SHA-256 hash in the vault, checks the signature with BCrypt against the exported public
+// key and with the vault through the provider, and round-trips an encryption for RSA keys.
+void ShowKeyCrypto(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider,
+                   const std::wstring &name)
+{
+    NCRYPT_KEY_HANDLE key = 0;
+    SECURITY_STATUS status = table->OpenKey(provider, &key, name.c_str(), 0, NCRYPT_MACHINE_KEY_FLAG);
+    if (status != 0) {
+        std::printf("\"%ls\": OpenKey 0x%08lX\n", name.c_str(), Status(status));
+        return;
+    }
+    const auto *record = reinterpret_cast<const KSP_KEY *>(key);
+    bool rsa = wcscmp(record->szAlgorithm, L"RSA") == 0;
+    std::printf("\"%ls\" (%ls):\n", name.c_str(), record->szAlgorithm);
+
+    const wchar_t *blobType = rsa ? BCRYPT_RSAPUBLIC_BLOB : BCRYPT_ECCPUBLIC_BLOB;
+    DWORD cbBlob = 0;
+    status = table->ExportKey(provider, key, 0, blobType, nullptr, nullptr, 0, &cbBlob, 0);
+    std::vector<BYTE> blob(cbBlob);
+    if (status == 0)
+        status = table->ExportKey(provider, key, 0, blobType, nullptr, blob.data(), cbBlob, &cbBlob, 0);
+    std::printf("  ExportKey %ls: 0x%08lX, %lu bytes\n", blobType, Status(status), static_cast<unsigned long>(cbBlob));
+
+    std::vector<BYTE> hash = Sha256("Signed in Azure Key Vault, checked by Windows");
+    BCRYPT_PKCS1_PADDING_INFO pkcs1 = {BCRYPT_SHA256_ALGORITHM};
+    DWORD padding = rsa ? BCRYPT_PAD_PKCS1 : 0;
+    std::vector<BYTE> signature(512);
+    DWORD cbSignature = 0;
+    status = table->SignHash(provider, key, rsa ? &pkcs1 : nullptr, hash.data(), static_cast<DWORD>(hash.size()),
+                             signature.data(), static_cast<DWORD>(signature.size()), &cbSignature, padding);
+    std::printf("  SignHash %s: 0x%08lX, %lu-byte signature\n", rsa ? "SHA-256 PKCS1" : "SHA-256 ECDSA",
+                Status(status), static_cast<unsigned long>(cbSignature));
+    if (status == 0 && !blob.empty()) {
+        signature.resize(cbSignature);
+        BCRYPT_KEY_HANDLE local = ImportLocally(blob, blobType);
+        NTSTATUS verified = local ? BCryptVerifySignature(local, rsa ? &pkcs1 : nullptr, hash.data(),
+                                                          static_cast<ULONG>(hash.size()), signature.data(),
+                                                          cbSignature, padding)
+                                  : static_cast<NTSTATUS>(0xC0000002);
+        if (local)
+            BCryptDestroyKey(local);
+        std::printf("  BCryptVerifySignature with the exported key: 0x%08lX%s\n", Status(verified),
+                    verified == 0 ? " (valid)" : local ? " (INVALID)" : " (curve not available here)");
+        SECURITY_STATUS good = table->VerifySignature(provider, key, rsa ? &pkcs1 : nullptr, hash.data(),
+                                                      static_cast<DWORD>(hash.size()), signature.data(), cbSignature,
+                                                      padding);
+        signature[0] ^= 1;
+        SECURITY_STATUS tampered = table->VerifySignature(provider, key, rsa ? &pkcs1 : nullptr, hash.data(),
+                                                          static_cast<DWORD>(hash.size()), signature.data(),
+                                                          cbSignature, padding);
+        std::printf("  VerifySignature in the vault: 0x%08lX; with one bit flipped: 0x%08lX\n", Status(good),
+                    Status(tampered));
+    }
+    if (rsa)
+        ShowEncryption(table, provider, key);
+    table->FreeKey(provider, key);
 }
 
 HMODULE LoadProvider()
@@ -248,10 +374,12 @@ int main(int argc, char **argv)
         // The first open turns a plain client secret into its DPAPI form and blanks it.
         std::printf("machine settings: ClientSecret %ld characters, ClientDPAPISecret %ld characters\n",
                     SettingLength(L"ClientSecret"), SettingLength(L"ClientDPAPISecret"));
-        std::wstring first;
-        PrintKeys(table, provider, &first);
-        if (!first.empty())
-            PrintOpenedKey(table, provider, first);
+        std::vector<std::wstring> names;
+        PrintKeys(table, provider, &names);
+        if (!names.empty())
+            PrintOpenedKey(table, provider, names.front());
+        for (const std::wstring &name : names)
+            ShowKeyCrypto(table, provider, name);
         std::printf("FreeProvider: 0x%08lX\n", static_cast<unsigned long>(table->FreeProvider(provider)));
     }
     FreeLibrary(module);

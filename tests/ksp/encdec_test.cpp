@@ -1,0 +1,194 @@
+#include "tests/harness/harness.h"
+
+#include <gtest/gtest.h>
+
+using namespace kestal_test;
+
+namespace {
+
+constexpr DWORD kOaep = NCRYPT_PAD_OAEP_FLAG, kPkcs1 = NCRYPT_PAD_PKCS1_FLAG;
+constexpr NTSTATUS kStatusNotImplemented = static_cast<NTSTATUS>(0xC0000002);
+
+std::vector<BYTE> Text(const std::string &text) { return std::vector<BYTE>(text.begin(), text.end()); }
+
+std::string Base64Url(std::vector<BYTE> bytes)
+{
+    std::string text = ToBase64(bytes);
+    for (char &c : text)
+        c = c == '+' ? '-' : c == '/' ? '_' : c;
+    return text.substr(0, text.find('='));
+}
+
+class EncDec : public VaultKeyTest {
+protected:
+    // Encrypt or Decrypt through the DLL; the result's bytes, empty on failure.
+    std::vector<BYTE> Run(bool decrypt, NCRYPT_KEY_HANDLE key, std::vector<BYTE> input, DWORD flags,
+                          SECURITY_STATUS *status)
+    {
+        std::vector<BYTE> output(1024);
+        DWORD cb = 0;
+        auto entry = decrypt ? Ksp().Decrypt : Ksp().Encrypt;
+        *status = entry(provider, key, input.data(), static_cast<DWORD>(input.size()), nullptr, output.data(), 1024,
+                        &cb, flags);
+        output.resize(*status == 0 ? cb : 0);
+        return output;
+    }
+    // RSA-OAEP by an encrypter that knows only the exported blob: the emulated vault, given the
+    // blob's exponent and modulus as a public-only key of its own.
+    std::vector<BYTE> EncryptWithPublicBlob(const std::vector<BYTE> &blob, const std::string &name,
+                                            const std::vector<BYTE> &plain)
+    {
+        auto exponent = blob.begin() + sizeof(BCRYPT_RSAKEY_BLOB);
+        auto modulus = exponent + reinterpret_cast<const BCRYPT_RSAKEY_BLOB *>(blob.data())->cbPublicExp;
+        NCRYPT_KEY_HANDLE mirror = SeedAndOpen(name + "-public", R"("jwk":{"kty":"RSA","e":")" +
+                                                                     Base64Url({exponent, modulus}) + R"(","n":")" +
+                                                                     Base64Url({modulus, blob.end()}) + R"("})");
+        SECURITY_STATUS status = 0;
+        return Run(false, mirror, plain, kOaep, &status);
+    }
+};
+
+} // namespace
+
+TEST_F(EncDec, WindowsAndTheProviderEncryptForTheVaultToDecrypt)
+{
+    struct Row {
+        DWORD flags, bcryptFlags;
+        const char *vaultAlg;
+    } rows[] = {{kOaep | kPkcs1, BCRYPT_PAD_OAEP, "RSA-OAEP"},
+                {kOaep | NCRYPT_SILENT_FLAG, BCRYPT_PAD_OAEP, "RSA-OAEP"},
+                {kPkcs1, BCRYPT_PAD_PKCS1, "RSA1_5"}};
+    std::vector<std::string> expectedAlgs;
+    for (DWORD bits : {2048u, 3072u, 4096u}) {
+        std::string name = "rsa" + std::to_string(bits);
+        NCRYPT_KEY_HANDLE key = SeedAndOpen(name, R"("kty":"RSA","key_size":)" + std::to_string(bits));
+        std::vector<BYTE> blob = ExportKeyBlob(Ksp(), provider, key, BCRYPT_RSAPUBLIC_BLOB);
+        BcryptKey local = ImportPublicBlob(blob);
+        ASSERT_TRUE(local) << name;
+        for (const Row &row : rows) {
+            SCOPED_TRACE(name + " flags " + std::to_string(row.flags));
+            std::vector<BYTE> plain = Text("a session key for " + name), cipher(bits / 8);
+            BCRYPT_OAEP_PADDING_INFO oaep = {BCRYPT_SHA1_ALGORITHM, nullptr, 0}; // the vault's RSA-OAEP
+            ULONG cb = 0;
+            NTSTATUS encrypted = BCryptEncrypt(local.get(), plain.data(), static_cast<ULONG>(plain.size()),
+                                               row.bcryptFlags == BCRYPT_PAD_OAEP ? &oaep : nullptr, nullptr, 0,
+                                               cipher.data(), bits / 8, &cb, row.bcryptFlags);
+            if (encrypted == kStatusNotImplemented && row.bcryptFlags == BCRYPT_PAD_OAEP) {
+                cipher = EncryptWithPublicBlob(blob, name, plain); // Wine 8's bcrypt has no RSA OAEP
+                expectedAlgs.push_back("RSA-OAEP");
+            } else {
+                ASSERT_EQ(encrypted, 0);
+            }
+            SECURITY_STATUS decrypted = 0, byProvider = 0, roundTrip = 0;
+            EXPECT_EQ(Run(true, key, cipher, row.flags, &decrypted), plain);
+            cipher = Run(false, key, plain, row.flags, &byProvider);
+            EXPECT_EQ(cipher.size(), bits / 8);
+            EXPECT_EQ(Run(true, key, cipher, row.flags, &roundTrip), plain);
+            EXPECT_EQ(std::vector<SECURITY_STATUS>({decrypted, byProvider, roundTrip}),
+                      std::vector<SECURITY_STATUS>(3, 0));
+            expectedAlgs.insert(expectedAlgs.end(), 3, row.vaultAlg);
+        }
+    }
+    EXPECT_EQ(CryptoRequests(), expectedAlgs);
+}
+
+TEST_F(EncDec, EncryptAndDecryptCheckInTheirOwnOrder)
+{
+    NCRYPT_KEY_HANDLE key = SeedAndOpen("rsa", R"("kty":"RSA","key_size":2048)");
+    KSP_KEY *pKey = KspKeyFromHandle(key);
+    SECURITY_STATUS status = 0;
+    std::vector<BYTE> plain = Text("attack at dawn"), cipher = Run(false, key, plain, kOaep, &status);
+    enum Handles { Good, BadProvider, NullKey };
+    struct Row {
+        bool decrypt;
+        DWORD finished, usage, flags;
+        Handles handles;
+        bool nullInput, nullResult;
+        SECURITY_STATUS status;
+        const char *vaultAlg; // null: the vault is not reached
+    } rows[] = {
+        {false, 1, 3, kOaep, BadProvider, false, false, NTE_INVALID_HANDLE, nullptr},
+        {true, 1, 3, kOaep, NullKey, false, false, NTE_INVALID_HANDLE, nullptr},
+        {false, 0, 3, kOaep, Good, true, false, NTE_BAD_KEY_STATE, nullptr},
+        {true, 0, 3, kOaep, Good, false, false, 0, "RSA-OAEP"}, // decryption does not ask for finalization
+        {false, 1, 3, kOaep, Good, true, false, NTE_INVALID_PARAMETER, nullptr},
+        {true, 1, 3, kOaep, Good, false, true, NTE_INVALID_PARAMETER, nullptr},
+        {false, 1, 3, kOaep | NCRYPT_NO_PADDING_FLAG, Good, false, false, NTE_BAD_FLAGS, nullptr},
+        {false, 1, 3, 0x8, Good, false, false, NTE_BAD_FLAGS, nullptr},
+        {true, 1, 0, 0x8, Good, false, false, NTE_BAD_FLAGS, nullptr},
+        {true, 1, NCRYPT_ALLOW_SIGNING_FLAG, NCRYPT_NO_PADDING_FLAG, Good, false, false, NTE_PERM, nullptr},
+        {true, 1, 3, NCRYPT_NO_PADDING_FLAG, Good, false, false, NTE_BAD_FLAGS, nullptr},
+        {true, 1, NCRYPT_ALLOW_SIGNING_FLAG, kOaep, Good, false, false, NTE_PERM, nullptr},
+        {false, 1, 0, kOaep, Good, false, false, 0, "RSA-OAEP"}, // encryption ignores the usage
+        {false, 1, 3, NCRYPT_SILENT_FLAG, Good, false, false, NTE_FAIL, ""},
+        {true, 1, 3, 0, Good, false, false, NTE_FAIL, ""},
+    };
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const Row &row = rows[i];
+        size_t before = CryptoRequests().size();
+        pKey->fFinished = row.finished;
+        pKey->dwKeyUsagePolicy = row.usage;
+        std::vector<BYTE> input = row.decrypt ? cipher : plain, output(512);
+        DWORD cb = 0;
+        NCRYPT_PROV_HANDLE p = row.handles == BadProvider ? static_cast<NCRYPT_PROV_HANDLE>(key) : provider;
+        EXPECT_EQ((row.decrypt ? Ksp().Decrypt : Ksp().Encrypt)(
+                      p, row.handles == NullKey ? 0 : key, row.nullInput ? nullptr : input.data(),
+                      static_cast<DWORD>(input.size()), nullptr, output.data(), 512, row.nullResult ? nullptr : &cb,
+                      row.flags),
+                  row.status)
+            << "row " << i;
+        std::vector<std::string> algs = CryptoRequests();
+        EXPECT_EQ(algs.size() > before ? algs.back() : "(none)", row.vaultAlg ? row.vaultAlg : "(none)") << "row " << i;
+    }
+    pKey->fFinished = 1;
+    pKey->dwKeyUsagePolicy = 3;
+    EXPECT_EQ(Log("KestalKeyVaultKSPEncrypt Error")[0], "KestalKeyVaultKSPEncrypt Error 0x80090026 1");
+
+    // The length is known only once the vault has answered: a null output asks for it, a short one
+    // fails with NTE_FAIL and the needed length.
+    DWORD cb = 0;
+    EXPECT_EQ(Ksp().Encrypt(provider, key, plain.data(), 14, nullptr, nullptr, 0, &cb, kOaep), 0);
+    EXPECT_EQ(cb, 256u);
+    BYTE small[4];
+    EXPECT_EQ(Ksp().Decrypt(provider, key, cipher.data(), 256, nullptr, small, sizeof(small), &cb, kOaep), NTE_FAIL);
+    EXPECT_EQ(cb, plain.size());
+
+    // Without a token nothing is sent.
+    size_t sent = CryptoRequests().size();
+    ScriptAnswers(emulator, "login", R"([{"status":400,"repeat":2,"body":{"error":"invalid_client"}}])");
+    KspProviderFromHandle(provider)->kvcMachine->tokenExpiry = 0;
+    Run(false, key, plain, kOaep, &status);
+    EXPECT_EQ(status, SEC_E_LOGON_DENIED);
+    Run(true, key, cipher, kOaep, &status);
+    EXPECT_EQ(status, SEC_E_LOGON_DENIED);
+    EXPECT_EQ(CryptoRequests().size(), sent);
+    std::vector<std::string> log = Log("KestalKeyVaultKSPDecrypt");
+    EXPECT_EQ(std::vector<std::string>(log.end() - 3, log.end()),
+              (std::vector<std::string>{"KestalKeyVaultKSPDecrypt 4",
+                                        "KestalKeyVaultKSPDecrypt Authenticate Failed  Error 0x8009030c 1",
+                                        "KestalKeyVaultKSPDecrypt Error 0x8009030c 1"}));
+}
+
+TEST_F(EncDec, TheFiveUnsupportedEntriesRefuseWhateverTheyAreGiven)
+{
+    NCRYPT_KEY_HANDLE key = SeedAndOpen("rsa", R"("kty":"RSA","key_size":2048)");
+    HANDLE event = nullptr;
+    NCRYPT_SECRET_HANDLE secret = 0;
+    BYTE derived[32];
+    DWORD cb = 0;
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+    for (bool real : {false, true}) {
+        NCRYPT_PROV_HANDLE p = real ? provider : 0;
+        NCRYPT_KEY_HANDLE k = real ? key : 0;
+        EXPECT_EQ(ksp.PromptUser(p, k, real ? L"sign" : nullptr, real ? 0 : ~0u), NTE_NOT_SUPPORTED);
+        EXPECT_EQ(ksp.NotifyChangeKey(p, real ? &event : nullptr, real ? 0 : ~0u), NTE_NOT_SUPPORTED);
+        EXPECT_EQ(ksp.SecretAgreement(p, k, k, real ? &secret : nullptr, 0), NTE_NOT_SUPPORTED);
+        EXPECT_EQ(ksp.DeriveKey(p, secret, real ? L"HASH" : nullptr, nullptr, real ? derived : nullptr,
+                                real ? sizeof(derived) : 0, real ? &cb : nullptr, 0),
+                  NTE_NOT_SUPPORTED);
+        EXPECT_EQ(ksp.FreeSecret(p, real ? static_cast<NCRYPT_SECRET_HANDLE>(key) : 0), NTE_NOT_SUPPORTED);
+    }
+    for (const char *entry : {"PromptUser", "NotifyChangeKey", "SecretAgreement", "DeriveKey", "FreeSecret"})
+        EXPECT_EQ(Log(std::string("KestalKeyVaultKSP") + entry + " 1").size(), 2u) << entry; // one per call
+    EXPECT_EQ(CryptoRequests().size(), 0u);
+}
