@@ -1,2 +1,149 @@
-// placeholder
+// Key creation: the choice between a plain vault key and a certificate-backed one, and the
+// plain key itself. Every key is asked for as a hardware-protected ("-HSM") key first; a vault
+// that refuses it (a standard-tier vault answers 403) is asked again for a software key.
 #include "kvclient/kvc.h"
+#include "kvclient/kvjson.h"
+
+#include <memory>
+
+#include <stdlib.h>
+#include <wchar.h>
+
+namespace {
+
+constexpr DWORD kHttpOk = 200;
+constexpr DWORD kHttpBadRequest = 400;
+constexpr DWORD kHttpForbidden = 403;
+constexpr DWORD kHttpGone = 410;
+constexpr DWORD kHttpTooManyRequests = 429;
+constexpr DWORD kFirstWaitMs = 1000;
+constexpr DWORD kLastWaitMs = 16000;
+
+struct BldStrDelete {
+    void operator()(BldStr *p) const { BldStrFree(p); }
+};
+using BldStrPtr = std::unique_ptr<BldStr, BldStrDelete>;
+struct FreeDelete {
+    void operator()(void *p) const { free(p); }
+};
+using NarrowText = std::unique_ptr<char, FreeDelete>;
+
+bool Cat(BldStr *pstr, std::initializer_list<const WCHAR *> pieces)
+{
+    for (const WCHAR *piece : pieces)
+        if (!BldStrCat(pstr, piece))
+            return false;
+    return true;
+}
+
+// The create body, in the piece order the vault has always been sent:
+//   {"kty":"RSA-HSM","key_size":"2048","tags": {"AlgID":"RSA","KeyName":"web"}}
+// The size goes as a JSON string, as it always has (the vault reads both). The names are
+// escaped: a quote or backslash in a CNG name must not break the body. Null when out of memory.
+char *PlainKeyBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength, const WCHAR *pszAlgorithm,
+                   const WCHAR *pszClearName)
+{
+    WCHAR szLength[12];
+    swprintf(szLength, ARRAYSIZE(szLength), L"%lu", dwKeyBitLength);
+    BldStrPtr body(BldStrNewStr(L"{\"kty\":\""));
+    bool ok = body && Cat(body.get(), {type.pszKty, fHsm ? L"-HSM" : L"", L"\""});
+    if (ok && !type.pszCrv)
+        ok = Cat(body.get(), {L",\"key_size\":\"", szLength, L"\""});
+    if (ok && type.pszCrv)
+        ok = Cat(body.get(), {L",\"crv\":\"", type.pszCrv, L"\""});
+    ok = ok && Cat(body.get(), {L",\"tags\": {\"AlgID\":\""}) && KVCJsonCatEscaped(body.get(), pszAlgorithm) &&
+         Cat(body.get(), {L"\",\"KeyName\":\""}) && KVCJsonCatEscaped(body.get(), pszClearName) &&
+         Cat(body.get(), {L"\"}}"});
+    if (!ok)
+        return nullptr;
+    LogMsg2(L"KVCCreateKey JSON Body", body->cStr, KSP_LOG_TRACE);
+    LogMsg2(L"KVCCreateKey JSON Body", body->cStr, KSP_LOG_TRACE);
+    return WStrToBytesStr(body->cStr);
+}
+
+} // namespace
+
+KVC_KEY_TYPE KVCKeyTypeFromAlgorithm(const WCHAR *pszAlgorithm)
+{
+    static constexpr struct {
+        const WCHAR *pszAlgorithm;
+        const WCHAR *pszCrv;
+    } kCurves[] = {
+        {L"ECDSA_P256", L"P-256"}, {L"ECDH_P256", L"P-256"}, {L"ECDSA_P384", L"P-384"},
+        {L"ECDH_P384", L"P-384"},  {L"ECDSA_P521", L"P-521"}, {L"ECDH_P521", L"P-521"},
+    };
+    for (const auto &curve : kCurves)
+        if (pszAlgorithm && wcscmp(pszAlgorithm, curve.pszAlgorithm) == 0)
+            return {L"EC", curve.pszCrv};
+    return {L"RSA", nullptr};
+}
+
+SECURITY_STATUS KVCCreateKey(const WCHAR *pszKeyName, KVC *kvc, const WCHAR *pszAlgorithm, DWORD dwKeyBitLength,
+                             DWORD dwExportPolicy, KVKey *pKey)
+{
+    LogMsg(L"KVCCreateKey", KSP_LOG_STEP);
+    if (!kvc || !pszKeyName) {
+        LogMsg(L"KVCCreateKey Bad (NULL) KVC or Key Name", KSP_LOG_FAILURE);
+        return NTE_INTERNAL_ERROR;
+    }
+    WCHAR szEncoded[KVC_ENCODED_NAME_CHARS] = {};
+    DWORD fEncoded = 1;
+    if (!KVCConvertClearKeyNameToEncoded(pszKeyName, szEncoded, &fEncoded)) {
+        LogMsg(L"KVCCreateKey KVCConvertClearKeyNameToEncoded Failed", KSP_LOG_FAILURE);
+        return NTE_INTERNAL_ERROR;
+    }
+    int result = 0;
+    if (kvc->fCertMode) {
+        LogMsg(L"KVCCreateKey Calling KVCLowLevelCreateKeyCertificate", KSP_LOG_STEP);
+        result = KVCLowLevelCreateKeyCertificate(kvc, pszKeyName, szEncoded, pszAlgorithm, dwKeyBitLength, pKey,
+                                                 dwExportPolicy, nullptr, 0);
+    } else {
+        LogMsg(L"KVCCreateKey Calling KVCLowLevelCreateKey", KSP_LOG_STEP);
+        result = KVCLowLevelCreateKey(kvc, pszKeyName, szEncoded, pszAlgorithm, dwKeyBitLength, 0, pKey);
+    }
+    return result ? ERROR_SUCCESS : NTE_INTERNAL_ERROR;
+}
+
+int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName, const WCHAR *pszAlgorithm,
+                         DWORD dwKeyBitLength, DWORD, KVKey *pKey)
+{
+    LogMsg(L"KVCLowLevelCreateKey", KSP_LOG_STEP);
+    if (!kvc || !pszClearName || !pszEncodedName || !pszAlgorithm || !pKey) {
+        LogMsg(L"KVCLowLevelCreateKey NULL Parameter", KSP_LOG_FAILURE);
+        return 0;
+    }
+    const KVC_KEY_TYPE type = KVCKeyTypeFromAlgorithm(pszAlgorithm);
+    bool fHsm = true;
+    // One wait counter serves throttling and the HSM fallback alike. A 429 always sleeps and
+    // doubles it, and the request is repeated only while the doubled wait is within 16 s: a
+    // throttling storm gets five calls and five sleeps (1..16 s), the last sleep wasted. A 403
+    // to the HSM request repeats at once as a software request, under the same bound.
+    KVC_THROTTLE throttle = {L"KVCLowLevelCreateKey ActionThrottled", kFirstWaitMs, kLastWaitMs, FALSE};
+    for (;;) {
+        NarrowText body(PlainKeyBody(type, fHsm, dwKeyBitLength, pszAlgorithm, pszClearName));
+        kvc->lastStatus = 0; // a body that could not be built must not be judged by a stale status
+        if (body && !KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_KEYS, pszEncodedName, L"POST", L"create",
+                                     body.get(), L"7.0"))
+            LogMsgError(L"KVCLowLevelCreateKey REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
+        const DWORD status = kvc->lastStatus;
+        if (status == kHttpTooManyRequests) {
+            if (KVCThrottleWait(&throttle, status))
+                continue;
+            break; // the throttled answer is read below: deliberately 1 with an empty record
+        }
+        if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {
+            LogMsgError(L"KVCLowLevelCreateKey HSM Key Failed - retry with software key", status, KSP_LOG_WARNING);
+            fHsm = false;
+            if (status == kHttpForbidden && throttle.dwWaitMs <= throttle.dwMaxWaitMs)
+                continue;
+            // Only a 403 earns the software request; the error body of any other refusal is
+            // read below, deliberately giving 1 with an empty record.
+            break;
+        }
+        if (status == kHttpOk)
+            break;
+        LogMsgError(L"KVCLowLevelCreateKey Failed", status, KSP_LOG_FAILURE);
+        return 0;
+    }
+    return KVCParseJSONKey(pszEncodedName, kvc->lastResponse, pKey);
+}

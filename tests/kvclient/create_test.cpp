@@ -1,2 +1,274 @@
-// placeholder
+#include "tests/harness/harness.h"
+
 #include <gtest/gtest.h>
+#include <wincrypt.h>
+
+#include "kvclient/kvc.h"
+
+using namespace kestal_test;
+
+namespace {
+
+std::string Str(const BYTE *pb, DWORD cb) { return std::string(reinterpret_cast<const char *>(pb), cb); }
+std::string Base64(const std::string &der)
+{
+    WCHAR *psz = KVCKKVKSP_ToBase64(reinterpret_cast<const BYTE *>(der.data()), static_cast<DWORD>(der.size()));
+    std::string out = Narrow(psz);
+    free(psz);
+    return out;
+}
+// "subject|signature algorithm|public key" of a DER certificate, the key as a vault key's n + e
+// (RSA) or x + y (EC, the point without its 04 prefix).
+std::string Describe(const std::string &der)
+{
+    PCCERT_CONTEXT cert = CertCreateCertificateContext(
+        X509_ASN_ENCODING, reinterpret_cast<const BYTE *>(der.data()), static_cast<DWORD>(der.size()));
+    if (!cert)
+        return "not a certificate";
+    WCHAR subject[128];
+    CertNameToStrW(X509_ASN_ENCODING, &cert->pCertInfo->Subject, CERT_X500_NAME_STR, subject, 128);
+    const CRYPT_BIT_BLOB &bits = cert->pCertInfo->SubjectPublicKeyInfo.PublicKey;
+    std::string key = Str(bits.pbData + 1, bits.cbData - 1);
+    BCRYPT_RSAKEY_BLOB *rsa = nullptr;
+    DWORD cb = 0;
+    if (CryptDecodeObjectEx(X509_ASN_ENCODING, CNG_RSA_PUBLIC_KEY_BLOB, bits.pbData, bits.cbData,
+                            CRYPT_DECODE_ALLOC_FLAG, nullptr, &rsa, &cb)) {
+        const BYTE *exponent = reinterpret_cast<BYTE *>(rsa + 1);
+        key = Str(exponent + rsa->cbPublicExp, rsa->cbModulus) + Str(exponent, rsa->cbPublicExp);
+        LocalFree(rsa);
+    }
+    std::string out = Narrow(subject) + "|" + cert->pCertInfo->SignatureAlgorithm.pszObjId + "|" + key;
+    CertFreeCertificateContext(cert);
+    return out;
+}
+
+// A provider of the core on the vault "kestaltest": machine keys plain, user keys certificate-backed.
+class Create : public VaultProviderTest {
+protected:
+    void SetUp() override
+    {
+        VaultProviderTest::SetUp();
+        UseVault(HKEY_LOCAL_MACHINE, L"kestaltest", 1);
+        UseVault(HKEY_CURRENT_USER, L"kestaltest", 0);
+        KSP_PROVIDER *provider = KspProviderFromHandle(OpenProvider(Via::Core));
+        plain = provider->kvcMachine;
+        cert = provider->kvcUser;
+        ASSERT_EQ(KVCAuthenticate(plain, nullptr) + KVCAuthenticate(cert, nullptr), 2);
+    }
+    void TearDown() override
+    {
+        KVCFreeKVKey(&key);
+        VaultProviderTest::TearDown();
+    }
+    void Premium() { emulator.Call(L"PUT", L"/vaults/kestaltest", R"({"tier":"premium"})"); }
+    void Script(const std::string &path, const std::string &response, const std::string &bodyContains = "")
+    {
+        emulator.Call(L"POST", L"/script",
+                      R"({"service":"vault","method":"POST","path":")" + path + R"(","bodyContains":")" + bodyContains +
+                          R"(","responses":[)" + response + "]}");
+    }
+    void Fresh()
+    {
+        emulator.Call(L"DELETE", L"/script");
+        emulator.Call(L"DELETE", L"/requests");
+        time.waits.clear();
+        KVCFreeKVKey(&key);
+        key = {};
+    }
+    std::vector<std::string> Calls(std::string_view prefix = "") const
+    {
+        std::vector<std::string> out;
+        for (const SeenRequest &r : VaultRequests())
+            if ((r.method + " " + r.url).rfind(prefix, 0) == 0)
+                out.push_back(r.method + " " + r.url);
+        return out;
+    }
+    std::string VaultCer(const wchar_t *name) const
+    {
+        DATA_BLOB blob = {};
+        std::string der = KVCGetCert(cert, name, &blob) ? Str(blob.pbData, blob.cbData) : "";
+        free(blob.pbData);
+        return der;
+    }
+    std::string KeyPublicKey() const
+    {
+        return key.isEC ? Str(key.x, key.x_siz) + Str(key.y, key.y_siz) : Str(key.n, key.n_siz) + Str(key.e, key.e_siz);
+    }
+    KVC *plain = nullptr, *cert = nullptr;
+    KVKey key = {};
+};
+
+} // namespace
+
+TEST_F(Create, PlainBodiesFollowTheAlgorithmName)
+{
+    Premium();
+    const struct { const wchar_t *alg; DWORD bits; std::string members, algId; } rows[] = {
+        {L"RSA", 2048, R"("kty":"RSA-HSM","key_size":"2048")", "RSA"},
+        {L"RSA", 3072, R"("kty":"RSA-HSM","key_size":"3072")", "RSA"},
+        {L"RSA", 4096, R"("kty":"RSA-HSM","key_size":"4096")", "RSA"},
+        {L"ECDSA_P256", 256, R"("kty":"EC-HSM","crv":"P-256")", "ECDSA_P256"},
+        {L"ECDH_P256", 256, R"("kty":"EC-HSM","crv":"P-256")", "ECDH_P256"},
+        {L"ECDSA_P384", 384, R"("kty":"EC-HSM","crv":"P-384")", "ECDSA_P384"},
+        {L"ECDH_P384", 384, R"("kty":"EC-HSM","crv":"P-384")", "ECDH_P384"},
+        {L"ECDSA_P521", 521, R"("kty":"EC-HSM","crv":"P-521")", "ECDSA_P521"},
+        {L"ECDH_P521", 521, R"("kty":"EC-HSM","crv":"P-521")", "ECDH_P521"},
+        {L"ecdsa_p256", 2048, R"("kty":"RSA-HSM","key_size":"2048")", "RSA"},
+    };
+    for (const auto &row : rows) {
+        Fresh();
+        const std::string name = "k" + std::to_string(&row - rows);
+        ASSERT_EQ(KVCLowLevelCreateKey(plain, Widen(name).c_str(), Widen(name).c_str(), row.alg, row.bits, 0, &key), 1);
+        EXPECT_EQ(Narrow(key.AlgID), row.algId);
+        std::vector<SeenRequest> seen = VaultRequests();
+        ASSERT_EQ(seen.size(), 1u);
+        EXPECT_EQ(seen[0].url, "/keys/" + name + "/create?api-version=7.0");
+        EXPECT_EQ(seen[0].body, "{" + row.members + R"(,"tags": {"AlgID":")" + Narrow(row.alg) + R"(","KeyName":")" +
+                                    name + "\"}}");
+    }
+}
+
+TEST_F(Create, PlainRefusalsAndThrottlingShareOneWaitCounter)
+{
+    const std::string fn = "KVCLowLevelCreateKey ", retry = fn + "HSM Key Failed - retry with software key Error 0x";
+    const struct {
+        std::string script, onlyIf;
+        int result;
+        size_t posts;
+        std::vector<DWORD> waits;
+        std::string algId, logged;
+    } rows[] = {
+        {"", "", 1, 2, {}, "RSA", retry + "193 2"}, // the standard tier refuses "-HSM" with 403
+        {R"({"status":400,"body":{"error":{}}})", "", 1, 1, {}, "", retry + "190 2"},
+        {R"({"status":429,"repeat":6})", "", 1, 5, {1000, 2000, 4000, 8000, 16000}, "",
+         fn + "ActionThrottled Error 0x1ad 2"},
+        {R"({"status":429})", "", 1, 3, {1000}, "RSA", retry + "193 2"}, // 429, 403, then the software key
+        {R"({"status":500,"body":{}})", "", 0, 1, {}, "", fn + "Failed Error 0x1f4 1"},
+        {R"({"status":403,"body":{}})", R"(\"kty\":\"RSA\")", 0, 2, {}, "", fn + "Failed Error 0x193 1"},
+    };
+    for (const auto &row : rows) {
+        Fresh();
+        const std::wstring name = L"o" + std::to_wstring(&row - rows);
+        const size_t before = Log(row.logged).size();
+        if (!row.script.empty())
+            Script("/keys/" + Narrow(name) + "/create", row.script, row.onlyIf);
+        EXPECT_EQ(KVCLowLevelCreateKey(plain, name.c_str(), name.c_str(), L"RSA", 2048, 0, &key), row.result)
+            << row.script;
+        EXPECT_EQ(Calls("POST").size(), row.posts) << row.script;
+        EXPECT_EQ(time.waits, row.waits) << row.script;
+        EXPECT_EQ(Narrow(key.AlgID), row.algId) << row.script;
+        EXPECT_GT(Log(row.logged).size(), before) << row.script;
+    }
+}
+
+TEST_F(Create, CertificateKeysGetAPlaceholderOverTheVaultKeyAndAGivenCertificateKeepsIt)
+{
+    const struct { const wchar_t *name, *alg; DWORD exportable; std::string keyProps; } rows[] = {
+        {L"edge", L"ECDSA_P384", 0, R"("exportable":false,"kty":"EC-HSM","crv":"P-384")"},
+        {L"web", L"RSA", 1, R"("exportable":true,"kty":"RSA-HSM","key_size":2048)"},
+    };
+    std::string der;
+    for (const auto &row : rows) {
+        Fresh();
+        const std::string name = Narrow(row.name), action = "POST /certificates/" + name;
+        ASSERT_EQ(KVCLowLevelCreateKeyCertificate(cert, row.name, row.name, row.alg, 2048, &key, row.exportable,
+                                                  nullptr, 0),
+                  1);
+        // A standard vault: the HSM request is refused, the software one made.
+        const std::string create = action + "/create?api-version=7.0";
+        EXPECT_EQ(Calls(), (std::vector<std::string>{create, create, action + "/pending/merge?api-version=7.0",
+                                                     "GET /keys/" + name + "?api-version=2016-10-01"}));
+        std::vector<SeenRequest> seen = VaultRequests();
+        const std::string body =
+            R"({"attributes":{"enabled":true},"policy":{"key_props":{)" + row.keyProps +
+            R"(,"reuse_key":false},"secret_props":{"contentType":"application/x-pkcs12"},"x509_props":{"subject":)"
+            R"("CN=CertificateDummySubject","ekus":["1.3.6.1.5.5.7.3.1","1.3.6.1.5.5.7.3.2"],"key_usage":)"
+            R"(["digitalSignature"],"validity_months":600},"issuer":{"name":"Unknown"}},"tags":{"KSPManaged":"KSP",)"
+            R"("AlgID":")" + Narrow(row.alg) + R"(","KeyName":")" + name + "\"}}";
+        EXPECT_EQ(seen[0].body, body);
+        EXPECT_EQ(seen[1].body, body.substr(0, body.find("-HSM")) + body.substr(body.find("-HSM") + 4));
+        EXPECT_EQ(Narrow(key.AlgID), Narrow(row.alg));
+        // The vault's certificate is the placeholder merged, over the key the vault made.
+        der = VaultCer(row.name);
+        EXPECT_EQ(seen[2].body, R"({"x5c":[")" + Base64(der) + R"("]})");
+        EXPECT_EQ(Describe(der), "CN=Dummy Certificate Name|1.2.840.113549.1.1.11|" + KeyPublicKey());
+        EXPECT_GT(KeyPublicKey().size(), 90u);
+    }
+    EXPECT_EQ(Log("KVCLowLevelCreateKeyCertificate HSM Key Failed - retry with software key Error 0x193 2").size(), 2u);
+    EXPECT_EQ(Log(R"(KVCLowLevelCreateKeyCertificate HSM Key Failed - detail error {"error":{"code":"Forbidden")")
+                  .size(),
+              2u);
+
+    // Merged as given, the vault's own certificate is accepted only over the key the vault keeps.
+    const std::string publicKey = KeyPublicKey();
+    Fresh();
+    const BYTE *pbDer = reinterpret_cast<const BYTE *>(der.data());
+    ASSERT_EQ(KVCLowLevelCreateKeyCertificate(cert, L"web", L"web", L"RSA", 2048, &key, 1, pbDer,
+                                              static_cast<DWORD>(der.size())),
+              1);
+    std::vector<SeenRequest> seen = VaultRequests();
+    ASSERT_EQ(seen.size(), 4u);
+    EXPECT_NE(seen[1].body.find(R"("kty":"RSA","key_size":2048,"reuse_key":true})"), std::string::npos);
+    EXPECT_EQ(seen[2].body, R"({"x5c":[")" + Base64(der) + R"("]})");
+    EXPECT_EQ(KeyPublicKey(), publicKey);
+    EXPECT_EQ(Log("KVCLowLevelCreateKeyCertificate KVC_ToBase64 b64Cert Good").size(), 1u);
+}
+
+TEST_F(Create, CertificateRefusalsThrottlingAndMergeRetries)
+{
+    const std::string fn = "KVCLowLevelCreateKeyCertificate ";
+    const struct {
+        std::string action, script;
+        int result;
+        size_t creates, merges;
+        std::vector<DWORD> waits;
+        std::string logged;
+    } rows[] = {
+        {"create", R"({"status":429,"repeat":6})", 0, 6, 0, {1000, 2000, 4000, 8000, 16000},
+         fn + "Failed Error 0x1ad 1"},
+        {"create", R"({"status":400,"body":{"error":{"message":"Invalid kty RSA-HSM here"}}})", 1, 2, 1, {},
+         fn + "HSM Key Failed - retry with software key Error 0x190 2"},
+        {"create", R"({"status":400,"body":{"error":{"message":"Invalid policy"}}})", 0, 1, 0, {},
+         fn + "Failed Error 0x190 1"},
+        {"create", R"({"status":200,"body":{}})", 0, 1, 0, {}, fn + "Failed Error 0xc8 1"},
+        {"pending/merge", R"({"status":429})", 1, 2, 2, {1000}, "KVCImportCertificate THROLLED - RETRY Error 0x1ad 2"},
+        {"pending/merge", R"({"status":400,"body":{}})", 0, 2, 1, {}, fn + "Merge Failed Error 0x190 1"},
+    };
+    for (const auto &row : rows) {
+        Fresh();
+        const std::wstring name = L"c" + std::to_wstring(&row - rows);
+        const std::string path = "/certificates/" + Narrow(name) + "/";
+        Script(path + row.action, row.script);
+        EXPECT_EQ(KVCLowLevelCreateKeyCertificate(cert, name.c_str(), name.c_str(), L"RSA", 2048, &key, 1, nullptr, 0),
+                  row.result)
+            << row.script;
+        EXPECT_EQ(Calls("POST " + path + "create").size(), row.creates) << row.script;
+        EXPECT_EQ(Calls("POST " + path + "pending").size(), row.merges) << row.script;
+        EXPECT_EQ(time.waits, row.waits) << row.script;
+        EXPECT_EQ(Log(row.logged).size(), 1u) << row.script;
+    }
+}
+
+TEST_F(Create, CreateKeyEncodesAndEscapesTheNameAndFollowsTheCertificateMode)
+{
+    Premium();
+    EXPECT_EQ(KVCCreateKey(L"a\"b\\c", plain, L"RSA", 2048, 0, &key), ERROR_SUCCESS);
+    EXPECT_EQ(KVCCreateKey(L"d\"e\\f", cert, L"ECDH_P256", 256, 0, &key), ERROR_SUCCESS);
+    EXPECT_EQ(Narrow(key.clearName) + " " + Narrow(key.AlgID), "d\"e\\f ECDH_P256");
+    std::vector<std::string> names; // the collection, then the name in the body's tags
+    for (const SeenRequest &r : VaultRequests())
+        if (r.url.find("/create?") != std::string::npos)
+            names.push_back(r.url.substr(0, r.url.find('-')) +
+                            JsonString(json_object_object_get(ParseJson(r.body).get(), "tags"), "KeyName"));
+    EXPECT_EQ(names, (std::vector<std::string>{"/keys/a\"b\\c", "/certificates/d\"e\\f"}));
+
+    Script("/keys/k/create", R"({"status":500,"body":{}})");
+    EXPECT_EQ(KVCCreateKey(L"k", plain, L"RSA", 2048, 0, &key), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(KVCCreateKey(std::wstring(43, L'a').c_str(), plain, L"RSA", 2048, 0, &key), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(KVCCreateKey(L"k", nullptr, L"RSA", 2048, 0, &key), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(Calls("POST").size(), 4u);
+    EXPECT_EQ(Log("KVCCreateKey Calling KVCLowLevelCreateKey 8").size(), 2u);
+    for (const char *logged : {"Calling KVCLowLevelCreateKeyCertificate 8", "KVCConvertClearKeyNameToEncoded Failed 1",
+                               "Bad (NULL) KVC or Key Name 1"})
+        EXPECT_EQ(Log(std::string("KVCCreateKey ") + logged).size(), 1u) << logged;
+}
