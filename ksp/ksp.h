@@ -94,6 +94,10 @@ SECURITY_STATUS SetBuildinKeyProperty(KSP_KEY *pKey, LPCWSTR pszName, const BYTE
 // Keeps an RSA private blob (BCRYPT_RSAPRIVATE_BLOB or BCRYPT_RSAFULLPRIVATE_BLOB) in the key,
 // DPAPI-protected with the description "Private Key", replacing any earlier one.
 SECURITY_STATUS KspStorePrivateKeyBlob(KSP_KEY *pKey, LPCWSTR pszBlobType, const BYTE *pbBlob, DWORD cbBlob);
+// Finalizing an imported key: the kept blob, unprotected only while the request is built,
+// becomes a vault key under the key's name (PUT /keys/{name}); then the blob is dropped and
+// kvKey filled. 0, or NTE_INTERNAL_ERROR (logged).
+SECURITY_STATUS KspImportPrivateKeyToVault(KSP_KEY *pKey);
 // Lists a buffer handed to the caller by EnumKeys; null when already listed or out of memory.
 KSP_BUFFER_NODE *AddEnumBuffer(PVOID pBuffer);
 

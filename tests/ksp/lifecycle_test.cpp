@@ -1,0 +1,292 @@
+#include "tests/harness/harness.h"
+
+#include <gtest/gtest.h>
+#include <wincrypt.h>
+
+#include <algorithm>
+
+#include "kvclient/kvc.h"
+
+using namespace kestal_test;
+
+namespace {
+
+constexpr DWORD kMachine = NCRYPT_MACHINE_KEY_FLAG, kLater = NCRYPT_DO_NOT_FINALIZE_FLAG;
+
+class Lifecycle : public VaultProviderTest {
+protected:
+    // What a vault lists as "keys", "certificates", "deletedKeys" or "deletedCertificates", as "a,b".
+    std::string Vault(const std::wstring &vault, const char *member)
+    {
+        Json state = ParseJson(emulator.Call(L"GET", L"/vaults/" + vault).body);
+        json_object *list = json_object_object_get(state.get(), member);
+        std::string out;
+        for (size_t i = 0; i < json_object_array_length(list); ++i)
+            out += (i ? "," : "") + std::string(json_object_get_string(json_object_array_get_idx(list, i)));
+        return out;
+    }
+    size_t Seen(const std::string &request)
+    {
+        std::vector<SeenRequest> seen = VaultRequests();
+        return std::count_if(seen.begin(), seen.end(),
+                             [&](const SeenRequest &r) { return (r.method + " " + r.url).rfind(request, 0) == 0; });
+    }
+    // Signs a SHA-256 (SHA-384 for P-384) hash through the provider; Windows checks the signature.
+    void ExpectSignatureVerifies(NCRYPT_PROV_HANDLE p, NCRYPT_KEY_HANDLE h, BCRYPT_KEY_HANDLE publicKey, bool rsa,
+                                 bool p384 = false)
+    {
+        std::vector<BYTE> hash = HashOf(p384 ? L"SHA384" : L"SHA256", "lifecycle"), signature(600);
+        BCRYPT_PKCS1_PADDING_INFO padding = {p384 ? L"SHA384" : L"SHA256"};
+        DWORD cb = 0, flags = rsa ? BCRYPT_PAD_PKCS1 : 0;
+        ASSERT_EQ(Ksp().SignHash(p, h, rsa ? &padding : nullptr, hash.data(), static_cast<DWORD>(hash.size()),
+                                 signature.data(), 600, &cb, flags),
+                  0);
+        EXPECT_EQ(BCryptVerifySignature(publicKey, rsa ? &padding : nullptr, hash.data(),
+                                        static_cast<ULONG>(hash.size()), signature.data(), cb, flags),
+                  0);
+    }
+};
+
+} // namespace
+
+TEST_F(Lifecycle, CreatedKeysReachTheVaultSignThereAndAreDeletedAndPurged)
+{
+    const struct {
+        DWORD certificatesOrKeys;
+        HKEY hive;
+        const wchar_t *vault, *alg;
+        DWORD bits;
+        const char *kty;
+    } rows[] = {
+        {1, HKEY_LOCAL_MACHINE, L"kestaltest", L"RSA", 3072, "RSA"}, // standard tier: no HSM keys
+        {1, HKEY_CURRENT_USER, L"kestaltest2", L"ECDSA_P256", 256, "EC-HSM"},
+        {0, HKEY_LOCAL_MACHINE, L"kestaltest", L"RSA", 2048, "RSA"},
+        {0, HKEY_CURRENT_USER, L"kestaltest2", L"ECDSA_P384", 384, "EC-HSM"},
+    };
+    emulator.Call(L"PUT", L"/vaults/kestaltest2", R"({"tier":"premium"})");
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+    for (const auto &row : rows) {
+        const bool machine = row.hive == HKEY_LOCAL_MACHINE, rsa = row.bits > 384, certMode = !row.certificatesOrKeys;
+        const std::wstring name = L"key" + std::to_wstring(&row - rows);
+        SCOPED_TRACE(Narrow(name));
+        UseVault(row.hive, row.vault, row.certificatesOrKeys);
+        NCRYPT_PROV_HANDLE p = OpenProvider();
+        NCRYPT_KEY_HANDLE h = 0;
+        ASSERT_EQ(ksp.CreatePersistedKey(p, &h, row.alg, name.c_str(), 0, machine ? kMachine : 0), 0);
+        std::pair<const wchar_t *, DWORD> properties[] = {{NCRYPT_LENGTH_PROPERTY, row.bits},
+                                                          {NCRYPT_KEY_USAGE_PROPERTY, NCRYPT_ALLOW_SIGNING_FLAG},
+                                                          {NCRYPT_EXPORT_POLICY_PROPERTY, 0}};
+        for (auto &[property, value] : properties)
+            EXPECT_EQ(ksp.SetKeyProperty(p, h, property, reinterpret_cast<BYTE *>(&value), 4, 0), 0)
+                << Narrow(property);
+        EXPECT_EQ(Vault(row.vault, "keys"), "");
+        ASSERT_EQ(ksp.FinalizeKey(p, h, 0), 0);
+        EXPECT_EQ(Narrow(KspKeyFromHandle(h)->kvKey.kty), row.kty);
+        EXPECT_EQ(Vault(row.vault, "keys") + "|" + Vault(row.vault, "certificates"),
+                  Narrow(name) + "|" + (certMode ? Narrow(name) : ""));
+        BcryptKey exported =
+            ImportPublicBlob(ExportKeyBlob(ksp, p, h, rsa ? BCRYPT_RSAPUBLIC_BLOB : BCRYPT_ECCPUBLIC_BLOB));
+        ASSERT_TRUE(exported);
+        ExpectSignatureVerifies(p, h, exported.get(), rsa, row.bits == 384);
+        if (certMode) {
+            // The merged certificate carries the vault key: the key's signatures verify under it; and
+            // the placeholder never enters the store.
+            KSP_PROVIDER *core = KspProviderFromHandle(OpenProvider(Via::Core));
+            KVC *kvc = machine ? core->kvcMachine : core->kvcUser;
+            DATA_BLOB der = {};
+            ASSERT_TRUE(KVCAuthenticate(kvc, nullptr) && KVCGetCert(kvc, name.c_str(), &der));
+            PCCERT_CONTEXT cert = CertCreateCertificateContext(X509_ASN_ENCODING, der.pbData, der.cbData);
+            BCRYPT_KEY_HANDLE fromCert = nullptr;
+            ASSERT_TRUE(CryptImportPublicKeyInfoEx2(X509_ASN_ENCODING, &cert->pCertInfo->SubjectPublicKeyInfo, 0,
+                                                    nullptr, &fromCert));
+            ExpectSignatureVerifies(p, h, fromCert, rsa, row.bits == 384);
+            BCryptDestroyKey(fromCert), CertFreeCertificateContext(cert), free(der.pbData);
+            NCRYPT_KEY_HANDLE opened = 0; // a machine open syncs the vault's certificates into the store
+            EXPECT_EQ(ksp.OpenKey(p, &opened, name.c_str(), 0, machine ? kMachine : 0) + ksp.FreeKey(p, opened), 0);
+            EXPECT_EQ(Log("KVCPropogateCertificateFromKeyVault Found Dummy Cert").size(), 1u);
+            EXPECT_EQ(Log("KVCPropogateCertificateFromKeyVault Certificate Added").size(), 0u);
+        }
+        ASSERT_EQ(ksp.DeleteKey(p, h, 0), 0);
+        for (const char *member : {"keys", "certificates", "deletedKeys", "deletedCertificates"})
+            EXPECT_EQ(Vault(row.vault, member), "") << member;
+    }
+    EXPECT_EQ(Log("KestalKeyVaultKSPDeleteKey Key Deleted - now free the storage 4").size(), std::size(rows));
+}
+
+TEST_F(Lifecycle, RefusalsAndVaultFailuresLeaveUsableHandles)
+{
+    UseVault(HKEY_LOCAL_MACHINE, L"kestaltest");
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"DoDeletePurge", 1);
+    SeedKey(emulator, L"kestaltest", "taken");
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+    NCRYPT_PROV_HANDLE p = OpenProvider();
+    NCRYPT_KEY_HANDLE h = 0, nameless = 0, ghost = 0;
+    EXPECT_EQ(ksp.CreatePersistedKey(0, &h, L"RSA", L"k", 0, 0), NTE_INVALID_HANDLE);
+    EXPECT_EQ(ksp.CreatePersistedKey(p, nullptr, L"RSA", L"k", 0, 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", L"k", 0, kLater), NTE_BAD_FLAGS);
+    EXPECT_EQ(ksp.CreatePersistedKey(p, &h, L"DSA", L"k", 0, 0), NTE_NOT_SUPPORTED);
+    EXPECT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", L"k", 0, 0), SEC_E_LOGON_DENIED); // no user vault set up
+    EXPECT_EQ(Log("KestalKeyVaultKSPCreatePersistedKey Invalid Algorithm DSA 1").size(), 1u);
+    EXPECT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", L"taken", 0, kMachine), NTE_EXISTS);
+
+    ASSERT_EQ(ksp.CreatePersistedKey(p, &nameless, L"ECDH_P256", nullptr, 0, kMachine), 0);
+    EXPECT_EQ(ksp.FinalizeKey(p, nameless, NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG), NTE_NOT_SUPPORTED);
+    EXPECT_EQ(ksp.FinalizeKey(p, nameless, 0x1), NTE_BAD_FLAGS);
+    EXPECT_EQ(ksp.FinalizeKey(p, nameless, NCRYPT_NO_KEY_VALIDATION | NCRYPT_SILENT_FLAG), 0);
+    EXPECT_EQ(ksp.FinalizeKey(p, nameless, 0), NTE_INVALID_HANDLE); // a second time
+    EXPECT_EQ(VaultRequests().size(), 1u);                          // the look for "taken" only
+
+    ASSERT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", L"taken", 0, kMachine | NCRYPT_OVERWRITE_KEY_FLAG), 0);
+    emulator.Call(L"POST", L"/script",
+                  R"({"service":"vault","method":"POST","path":"/keys/taken/create",)"
+                  R"("responses":[{"status":500,"body":{}}]})");
+    EXPECT_EQ(ksp.FinalizeKey(p, h, 0), NTE_FAIL);
+    EXPECT_EQ(ksp.FinalizeKey(p, h, 0), 0); // -HSM refused, then the software key
+    EXPECT_EQ(Seen("GET /keys/taken") * 10 + Seen("POST /keys/taken/create"), 13u);
+    EXPECT_EQ(Log("KestalKeyVaultKSPFinalizeKey Error 0x80090020 1").size(), 1u);
+
+    ASSERT_EQ(ksp.CreatePersistedKey(p, &ghost, L"RSA", L"ghost", 0, kMachine), 0); // never in the vault
+    EXPECT_EQ(ksp.DeleteKey(p, ghost, 0x1), NTE_BAD_FLAGS);
+    EXPECT_EQ(ksp.DeleteKey(p, ghost, 0), NTE_INTERNAL_ERROR);
+    EXPECT_EQ(ksp.FreeKey(p, ghost) + ksp.FreeKey(p, nameless) + ksp.DeleteKey(p, h, NCRYPT_SILENT_FLAG), 0);
+    EXPECT_EQ(Vault(L"kestaltest", "deletedKeys"), "taken"); // DoDeletePurge: kept recoverable
+}
+
+TEST_F(Lifecycle, FreeKeyUploadsTheBoundStoreCertificateOnce)
+{
+    for (HKEY hive : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
+        const bool machine = hive == HKEY_LOCAL_MACHINE;
+        const std::wstring name = machine ? L"pubm" : L"pubu";
+        SCOPED_TRACE(Narrow(name));
+        UseVault(hive, L"kestaltest", 0);
+        const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp(Via::Core);
+        NCRYPT_PROV_HANDLE p = OpenProvider(Via::Core);
+        KVC *kvc = machine ? KspProviderFromHandle(p)->kvcMachine : KspProviderFromHandle(p)->kvcUser;
+        NCRYPT_KEY_HANDLE h = 0;
+        ASSERT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", name.c_str(), 0, machine ? kMachine : 0), 0);
+        ASSERT_EQ(ksp.FinalizeKey(p, h, 0), 0);
+
+        // The certificate a CA would issue for the key: the placeholder's key under another subject.
+        DATA_BLOB placeholder = {};
+        ASSERT_TRUE(KVCGetCert(kvc, name.c_str(), &placeholder));
+        PCCERT_CONTEXT base = CertCreateCertificateContext(X509_ASN_ENCODING, placeholder.pbData, placeholder.cbData);
+        BYTE subject[128], tbs[4096], der[4096], sha1[20];
+        DWORD cbSubject = sizeof(subject), cbTbs = sizeof(tbs), cbDer = sizeof(der), cbSha1 = sizeof(sha1);
+        CertStrToNameW(X509_ASN_ENCODING, L"CN=issued.example", CERT_X500_NAME_STR, nullptr, subject, &cbSubject,
+                       nullptr);
+        CERT_INFO info = *base->pCertInfo;
+        info.Subject = {cbSubject, subject};
+        ASSERT_TRUE(CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT_TO_BE_SIGNED, &info, 0, nullptr, tbs, &cbTbs));
+        CERT_SIGNED_CONTENT_INFO signedInfo = {{cbTbs, tbs}, info.SignatureAlgorithm, {8, tbs, 0}};
+        ASSERT_TRUE(CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT, &signedInfo, 0, nullptr, der, &cbDer));
+        CertFreeCertificateContext(base), free(placeholder.pbData);
+        CryptHashCertificate(0, CALG_SHA1, 0, der, cbDer, sha1, &cbSha1);
+        BldStr *hex = BldStrNewHexStr(sha1, cbSha1);
+        const std::wstring thumbprint = hex->cStr;
+        BldStrFree(hex);
+        HCERTSTORE store =
+            CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0,
+                          machine ? CERT_SYSTEM_STORE_LOCAL_MACHINE : CERT_SYSTEM_STORE_CURRENT_USER, L"My");
+        PCCERT_CONTEXT added = nullptr;
+        CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der, cbDer, CERT_STORE_ADD_REPLACE_EXISTING, &added);
+        CRYPT_KEY_PROV_INFO bound = {const_cast<LPWSTR>(name.c_str()), const_cast<LPWSTR>(KSP_PROVIDER_NAME), 0,
+                                     kMachine};
+        CertSetCertificateContextProperty(added, CERT_KEY_PROV_INFO_PROP_ID, 0, &bound);
+        CertFreeCertificateContext(added), CertCloseStore(store, 0);
+
+        auto publish = [&](NCRYPT_KEY_HANDLE key) { // sets the certificate property, then frees the key
+            EXPECT_EQ(ksp.SetKeyProperty(p, key, NCRYPT_CERTIFICATE_PROPERTY, der, cbDer, 0) + ksp.FreeKey(p, key), 0);
+        };
+        auto reopen = [&] { return ksp.OpenKey(p, &h, name.c_str(), 0, machine ? kMachine : 0) ? 0 : h; };
+        const std::string merge = "POST /certificates/" + Narrow(name) + "/pending/merge";
+        publish(h);
+        EXPECT_EQ(Seen(merge), 2u); // the placeholder's, then the store certificate's
+        EXPECT_EQ(GetSetting(hive, L"CertSync"), thumbprint + L",");
+        NCRYPT_KEY_HANDLE again = reopen();
+        size_t afterOpen = VaultRequests().size();
+        publish(again);
+        EXPECT_EQ(VaultRequests().size(), afterOpen) << "a recorded thumbprint needs no vault call";
+        SetSetting(hive, L"CertSync", L""); // forgotten: the vault is asked, and already holds it
+        publish(reopen());
+        EXPECT_EQ(Seen(merge), 2u);
+        EXPECT_EQ(GetSetting(hive, L"CertSync"), thumbprint + L",");
+        EXPECT_EQ(
+            Log("KestalKeyVaultKSPSetKeyProperty EvaluateCertsInStore Certificate Already in KV - Skip Sync").size(),
+            machine ? 1u : 2u);
+        RegDeleteKeyW(hive, (L"Software\\Microsoft\\SystemCertificates\\My\\Certificates\\" + thumbprint).c_str());
+    }
+}
+
+TEST_F(Lifecycle, ImportKeepsOnlyRsaPrivateKeysProtectedUntilFinalizeSendsThemToTheVault)
+{
+    UseVault(HKEY_CURRENT_USER, L"kestaltest");
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+    NCRYPT_PROV_HANDLE p = OpenProvider();
+    BYTE rsa[64] = {'R', 'S', 'A', '2'}, ecc[64] = {'E', 'C', 'S', '2'}; // private magics, empty keys
+    NCRYPT_KEY_HANDLE h = 0;
+    auto import = [&](NCRYPT_PROV_HANDLE prov, const wchar_t *type, BYTE *data, DWORD cb, DWORD flags) {
+        return ksp.ImportKey(prov, 0, type, nullptr, &h, data, cb, flags);
+    };
+    EXPECT_EQ(import(0, BCRYPT_RSAPRIVATE_BLOB, rsa, 64, kLater), NTE_INVALID_HANDLE);
+    EXPECT_EQ(ksp.ImportKey(p, 0, BCRYPT_RSAPRIVATE_BLOB, nullptr, nullptr, rsa, 64, kLater), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(import(p, BCRYPT_RSAPRIVATE_BLOB, rsa, 0, kLater), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(import(p, BCRYPT_RSAPRIVATE_BLOB, rsa, 64, kLater | kMachine), NTE_NOT_SUPPORTED);
+    EXPECT_EQ(import(p, BCRYPT_RSAPRIVATE_BLOB, rsa, 64, kLater | NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG),
+              NTE_NOT_SUPPORTED);
+    EXPECT_EQ(import(p, BCRYPT_RSAPRIVATE_BLOB, rsa, 64, kLater | 0x1), NTE_BAD_FLAGS);
+    for (const wchar_t *type : {BCRYPT_RSAPUBLIC_BLOB, BCRYPT_PUBLIC_KEY_BLOB, NCRYPT_PKCS8_PRIVATE_KEY_BLOB,
+                                NCRYPT_PKCS7_ENVELOPE_BLOB, LEGACY_RSAPRIVATE_BLOB})
+        EXPECT_EQ(import(p, type, rsa, 64, kLater), NTE_NOT_SUPPORTED) << Narrow(type);
+    EXPECT_EQ(import(p, BCRYPT_PRIVATE_KEY_BLOB, ecc, 64, kLater), NTE_NOT_SUPPORTED);
+    EXPECT_EQ(import(p, BCRYPT_RSAPRIVATE_BLOB, rsa, 64, 0), NTE_NOT_SUPPORTED);     // finalizing at once
+    EXPECT_EQ(import(p, BCRYPT_RSAFULLPRIVATE_BLOB, rsa, 64, kLater), NTE_BAD_DATA); // magic of the other form
+    EXPECT_EQ(VaultRequests().size(), 0u);
+
+    BCRYPT_ALG_HANDLE alg = nullptr;
+    ASSERT_EQ(BCryptOpenAlgorithmProvider(&alg, BCRYPT_RSA_ALGORITHM, nullptr, 0), 0);
+    auto blobOf = [](BCRYPT_KEY_HANDLE key, const wchar_t *type) {
+        ULONG cb = 0;
+        BCryptExportKey(key, nullptr, type, nullptr, 0, &cb, 0);
+        std::vector<BYTE> blob(cb);
+        BCryptExportKey(key, nullptr, type, blob.data(), cb, &cb, 0);
+        return blob;
+    };
+    const wchar_t *types[] = {BCRYPT_RSAPRIVATE_BLOB, BCRYPT_RSAFULLPRIVATE_BLOB, BCRYPT_PRIVATE_KEY_BLOB};
+    for (const wchar_t *const &type : types) {
+        SCOPED_TRACE(Narrow(type));
+        BCRYPT_KEY_HANDLE original = nullptr;
+        ASSERT_EQ(BCryptGenerateKeyPair(alg, &original, 2048, 0) | BCryptFinalizeKeyPair(original, 0), 0);
+        std::vector<BYTE> blob = blobOf(original, &type == &types[1] ? type : BCRYPT_RSAPRIVATE_BLOB);
+        std::vector<BYTE> modulus = blobOf(original, BCRYPT_RSAPUBLIC_BLOB);
+        modulus.erase(modulus.begin(), modulus.end() - 256);
+        std::wstring name = L"imported" + std::to_wstring(&type - types);
+        NCryptBuffer buffer = {static_cast<ULONG>((name.size() + 1) * 2), NCRYPTBUFFER_PKCS_KEY_NAME, name.data()};
+        NCryptBufferDesc parameters = {NCRYPTBUFFER_VERSION, 1, &buffer};
+        ASSERT_EQ(ksp.ImportKey(p, 0, type, &parameters, &h, blob.data(), static_cast<DWORD>(blob.size()), kLater), 0);
+
+        // Kept only as DPAPI protects it, described as "Private Key".
+        KSP_KEY *key = KspKeyFromHandle(h);
+        DATA_BLOB sealed = {static_cast<DWORD>(key->cbPrivateKey), key->pbPrivateKey}, clear = {};
+        LPWSTR description = nullptr;
+        ASSERT_TRUE(CryptUnprotectData(&sealed, &description, nullptr, nullptr, nullptr, 0, &clear));
+        EXPECT_EQ(std::vector<BYTE>(clear.pbData, clear.pbData + clear.cbData), blob);
+        EXPECT_EQ(Narrow(description), "Private Key");
+        LocalFree(description), LocalFree(clear.pbData);
+
+        ASSERT_EQ(ksp.FinalizeKey(p, h, 0), 0);
+        EXPECT_EQ(key->pbPrivateKey, nullptr);
+        const SeenRequest put = VaultRequests().back();
+        EXPECT_EQ(put.method + " " + put.url, "PUT /keys/" + Narrow(name) + "?api-version=7.0");
+        Json body = ParseJson(put.body);
+        json_object *jwk = json_object_object_get(body.get(), "key");
+        EXPECT_EQ(JsonString(jwk, "kty") + JsonString(json_object_object_get(body.get(), "tags"), "KeyName"),
+                  "RSA" + Narrow(name));
+        EXPECT_EQ(FromBase64(JsonString(jwk, "n")), modulus);
+        EXPECT_EQ(JsonString(jwk, "qi").find_first_of("+/="), std::string::npos); // base64url, unpadded
+        ExpectSignatureVerifies(p, h, original, true);
+        EXPECT_EQ(ksp.FreeKey(p, h), 0);
+        BCryptDestroyKey(original);
+    }
+    BCryptCloseAlgorithmProvider(alg, 0);
+    EXPECT_EQ(Vault(L"kestaltest", "keys"), "imported0,imported1,imported2");
+}
