@@ -23,15 +23,6 @@ constexpr DWORD kStoreCertBytes = 16384;
 constexpr DWORD kStoreHashBytes = 64;
 constexpr DWORD kStoreSubjectChars = 8000;
 
-struct BldStrDelete {
-    void operator()(BldStr *p) const { BldStrFree(p); }
-};
-using BldStrPtr = std::unique_ptr<BldStr, BldStrDelete>;
-struct FreeDelete {
-    void operator()(void *p) const { free(p); }
-};
-template <typename T> using CallocPtr = std::unique_ptr<T, FreeDelete>;
-
 SECURITY_STATUS Fail(const WCHAR *pszEntry, SECURITY_STATUS status)
 {
     LogMsgError(pszEntry, static_cast<DWORD>(status), KSP_LOG_FAILURE);

@@ -22,11 +22,6 @@ constexpr size_t kEntryBytes = sizeof(WCHAR *) + kSlotChars * sizeof(WCHAR);
 // so that paging never leaves the client's own vault.
 constexpr char kNextLinkTail[] = "/certificates?";
 
-struct BldStrDelete {
-    void operator()(BldStr *p) const { BldStrFree(p); }
-};
-using BldStrPtr = std::unique_ptr<BldStr, BldStrDelete>;
-
 // One listed certificate while the pages are read; the tables are built from these at the end.
 struct CertEntry {
     WCHAR szName[kSlotChars];

@@ -27,11 +27,6 @@ constexpr DWORD kCertEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 // before the real one arrives: it stands for no usable certificate.
 constexpr WCHAR kPlaceholderSubject[] = L"Dummy Certificate Name";
 
-struct BldStrDelete {
-    void operator()(BldStr *p) const { BldStrFree(p); }
-};
-using BldStrPtr = std::unique_ptr<BldStr, BldStrDelete>;
-
 struct CertContextFree {
     void operator()(const CERT_CONTEXT *p) const { CertFreeCertificateContext(p); }
 };

@@ -19,13 +19,6 @@ constexpr DWORD kHttpTooManyRequests = 429;
 constexpr DWORD kFirstWaitMs = 1000;
 constexpr DWORD kLastWaitMs = 16000;
 
-struct BldStrDelete {
-    void operator()(BldStr *p) const { BldStrFree(p); }
-};
-using BldStrPtr = std::unique_ptr<BldStr, BldStrDelete>;
-struct FreeDelete {
-    void operator()(void *p) const { free(p); }
-};
 using NarrowText = std::unique_ptr<char, FreeDelete>;
 
 bool Cat(BldStr *pstr, std::initializer_list<const WCHAR *> pieces)

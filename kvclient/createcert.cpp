@@ -36,14 +36,6 @@ constexpr WCHAR kPlaceholderSubject[] = L"CN=Dummy Certificate Name";
 // How a standard-tier vault has been seen to refuse an HSM certificate key besides a 403.
 constexpr char kHsmRefusalText[] = "kty RSA-HSM";
 
-struct BldStrDelete {
-    void operator()(BldStr *p) const { BldStrFree(p); }
-};
-using BldStrPtr = std::unique_ptr<BldStr, BldStrDelete>;
-struct FreeDelete {
-    void operator()(void *p) const { free(p); }
-};
-template <typename T> using CallocPtr = std::unique_ptr<T, FreeDelete>;
 // What crypt32 hands out with CRYPT_DECODE_ALLOC_FLAG / CRYPT_ENCODE_ALLOC_FLAG.
 struct LocalFreeDelete {
     void operator()(void *p) const { LocalFree(p); }

@@ -20,20 +20,6 @@ struct Base64Text {
     Base64Text &operator=(const Base64Text &) = delete;
 };
 
-// A calloc'd wide copy of narrow text in the system code page; null when it yields nothing.
-WCHAR *AnsiToWide(const char *psz)
-{
-    int cch = psz ? MultiByteToWideChar(CP_ACP, 0, psz, -1, nullptr, 0) : 0;
-    if (cch < 1)
-        return nullptr;
-    auto *pwsz = static_cast<WCHAR *>(calloc(static_cast<size_t>(cch) + 1, sizeof(WCHAR)));
-    if (pwsz && MultiByteToWideChar(CP_ACP, 0, psz, -1, pwsz, cch) < 1) {
-        free(pwsz);
-        return nullptr;
-    }
-    return pwsz;
-}
-
 // {"alg":"..."[,"digest":"..."][,"value":"..."]} as narrow text, built at its final size. The
 // algorithm names come from the provider's own tables and the rest is base64, so nothing needs
 // escaping. A null algorithm goes out empty and the vault's refusal is the caller's answer; a
@@ -109,7 +95,7 @@ SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKe
         return KVCJsonIsTrue(answer.get(), "value") ? 0 : NTE_BAD_SIGNATURE;
     }
 
-    WCHAR *pszValue = AnsiToWide(KVCJsonGetString(answer.get(), "value"));
+    WCHAR *pszValue = BytesStrToWStr(KVCJsonGetString(answer.get(), "value"));
     if (!pszValue)
         return NTE_INVALID_PARAMETER;
     // A null pbOutput makes this a length query, after the vault has done the whole operation.

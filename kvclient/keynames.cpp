@@ -40,22 +40,6 @@ bool DigitValue(WCHAR c, WORD *pValue)
     return true;
 }
 
-// A calloc'd wide copy of narrow text in the system code page; null when it cannot be made.
-WCHAR *AnsiToWide(const char *psz)
-{
-    if (!psz)
-        return nullptr;
-    int cch = MultiByteToWideChar(CP_ACP, 0, psz, -1, nullptr, 0);
-    if (cch < 1)
-        return nullptr;
-    auto *pwsz = static_cast<WCHAR *>(calloc(static_cast<size_t>(cch), sizeof(WCHAR)));
-    if (pwsz && MultiByteToWideChar(CP_ACP, 0, psz, -1, pwsz, cch) != cch) {
-        free(pwsz);
-        return nullptr;
-    }
-    return pwsz;
-}
-
 WCHAR *WideDup(const WCHAR *psz)
 {
     size_t cch = wcslen(psz) + 1;
@@ -68,7 +52,7 @@ WCHAR *WideDup(const WCHAR *psz)
 // A base64url JWK member decoded into bytes (two spare zero bytes); untouched when absent.
 void DecodeMember(json_object *key, const char *pszMember, BYTE **ppb, DWORD *pcb)
 {
-    WCHAR *pwsz = AnsiToWide(KVCJsonGetString(key, pszMember));
+    WCHAR *pwsz = BytesStrToWStr(KVCJsonGetString(key, pszMember));
     if (!pwsz)
         return;
     DWORD cb = 0;
@@ -245,18 +229,18 @@ int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theK
     if (json_object *key = KVCJsonMember(doc.get(), "key", json_type_object)) {
         if (const char *kid = KVCJsonGetString(key, "kid"))
             CopyVersion(kid, theKey->version);
-        theKey->crv = AnsiToWide(KVCJsonGetString(key, "crv"));
-        theKey->d = AnsiToWide(KVCJsonGetString(key, "d"));
-        theKey->dp = AnsiToWide(KVCJsonGetString(key, "dp"));
-        theKey->dq = AnsiToWide(KVCJsonGetString(key, "dq"));
+        theKey->crv = BytesStrToWStr(KVCJsonGetString(key, "crv"));
+        theKey->d = BytesStrToWStr(KVCJsonGetString(key, "d"));
+        theKey->dp = BytesStrToWStr(KVCJsonGetString(key, "dp"));
+        theKey->dq = BytesStrToWStr(KVCJsonGetString(key, "dq"));
         DecodeMember(key, "e", &theKey->e, &theKey->e_siz);
-        theKey->k = AnsiToWide(KVCJsonGetString(key, "k"));
-        theKey->kty = AnsiToWide(KVCJsonGetString(key, "kty"));
+        theKey->k = BytesStrToWStr(KVCJsonGetString(key, "k"));
+        theKey->kty = BytesStrToWStr(KVCJsonGetString(key, "kty"));
         theKey->isEC = theKey->kty && (wcscmp(theKey->kty, L"EC") == 0 || wcscmp(theKey->kty, L"EC-HSM") == 0);
         DecodeMember(key, "n", &theKey->n, &theKey->n_siz);
-        theKey->p = AnsiToWide(KVCJsonGetString(key, "p"));
-        theKey->q = AnsiToWide(KVCJsonGetString(key, "q"));
-        theKey->qi = AnsiToWide(KVCJsonGetString(key, "qi"));
+        theKey->p = BytesStrToWStr(KVCJsonGetString(key, "p"));
+        theKey->q = BytesStrToWStr(KVCJsonGetString(key, "q"));
+        theKey->qi = BytesStrToWStr(KVCJsonGetString(key, "qi"));
         DecodeMember(key, "x", &theKey->x, &theKey->x_siz);
         DecodeMember(key, "y", &theKey->y, &theKey->y_siz);
 

@@ -15,20 +15,6 @@ constexpr DWORD kFirstWaitMs = 1000;
 constexpr DWORD kLastWaitMs = 16000;
 constexpr char kKeysPathMarker[] = "/keys?";
 
-// A calloc'd wide copy of narrow text in the system code page; null when it cannot be made.
-WCHAR *AnsiToWide(const char *psz)
-{
-    int cch = MultiByteToWideChar(CP_ACP, 0, psz, -1, nullptr, 0);
-    if (cch < 1)
-        return nullptr;
-    auto *pwsz = static_cast<WCHAR *>(calloc(static_cast<size_t>(cch), sizeof(WCHAR)));
-    if (pwsz && MultiByteToWideChar(CP_ACP, 0, psz, -1, pwsz, cch) != cch) {
-        free(pwsz);
-        return nullptr;
-    }
-    return pwsz;
-}
-
 void FreeNames(WCHAR **ppNames, DWORD cNames)
 {
     if (!ppNames)
@@ -70,7 +56,7 @@ void AppendKeyName(json_object *item, NameList *list)
     if (!pszKid)
         return;
     const char *slash = strrchr(pszKid, '/');
-    WCHAR *pszVaultName = AnsiToWide(slash ? slash + 1 : pszKid);
+    WCHAR *pszVaultName = BytesStrToWStr(slash ? slash + 1 : pszKid);
     if (!pszVaultName)
         return;
     WCHAR szClear[KVC_CLEAR_NAME_CHARS];
@@ -128,7 +114,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
         const char *pszTail = pszNextLink ? strstr(pszNextLink, kKeysPathMarker) : nullptr;
         if (pszTail) {
             // The link's own scheme and host are dropped: the frame puts the client's vault in front.
-            pszNextPath = AnsiToWide(pszTail);
+            pszNextPath = BytesStrToWStr(pszTail);
             LogMsg2(L"KVCGetKeys rawURL nextlinkstr Found", pszNextPath, KSP_LOG_STEP);
         }
 

@@ -235,3 +235,18 @@ char *WStrToBytesStr(const WCHAR *str)
     }
     return psz;
 }
+
+WCHAR *BytesStrToWStr(const char *psz)
+{
+    if (!psz)
+        return nullptr;
+    int cch = MultiByteToWideChar(CP_ACP, 0, psz, -1, nullptr, 0);
+    if (cch < 1)
+        return nullptr;
+    auto *pwsz = static_cast<WCHAR *>(calloc(static_cast<size_t>(cch), sizeof(WCHAR)));
+    if (pwsz && MultiByteToWideChar(CP_ACP, 0, psz, -1, pwsz, cch) != cch) {
+        free(pwsz);
+        return nullptr;
+    }
+    return pwsz;
+}

@@ -6,6 +6,10 @@
 
 #include <windows.h>
 
+#include <stdlib.h>
+
+#include <memory>
+
 struct BldStr {
     DWORD capacity; // bytes behind cStr, terminator included
     DWORD length;   // wide characters in use, terminator excluded
@@ -25,9 +29,22 @@ BldStr *BldStrNewHexStr(const BYTE *pb, DWORD cb);
 BldStr *BldStrGetWStringValue(BOOL fMachine);
 
 char *WStrToBytesStr(const WCHAR *str);
+// The reverse: a calloc'd wide copy of narrow text in the system code page; null when it cannot
+// be made (null text included).
+WCHAR *BytesStrToWStr(const char *psz);
 
 // Decoders accept standard and URL-safe base64, with or without padding.
 int BldBinFromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut);
 WCHAR *KVCKKVKSP_ToBase64(const BYTE *pb, DWORD cb); // standard alphabet, padded, no line breaks
 int KVCKKVKSP_FromBase64(const WCHAR *pszBase64, BYTE **ppbOut, DWORD *pcbOut, BOOL fAllocate);
 int KKVKSP_FromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut);
+
+// Owners for what this library hands out, so that every early return releases it.
+struct BldStrDelete {
+    void operator()(BldStr *p) const { BldStrFree(p); }
+};
+using BldStrPtr = std::unique_ptr<BldStr, BldStrDelete>;
+struct FreeDelete {
+    void operator()(void *p) const { free(p); }
+};
+template <typename T> using CallocPtr = std::unique_ptr<T, FreeDelete>;
