@@ -269,7 +269,7 @@ void ShowEncryption(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_
 // Signs a SHA-256 hash in the vault, checks the signature with BCrypt against the exported public
 // key and with the vault through the provider, and round-trips an encryption for RSA keys.
 void ShowKeyCrypto(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider,
-                   const std::wstring &name)
+                   const std::wstring &name, bool showEncryption = true)
 {
     NCRYPT_KEY_HANDLE key = 0;
     SECURITY_STATUS status = table->OpenKey(provider, &key, name.c_str(), 0, NCRYPT_MACHINE_KEY_FLAG);
@@ -319,9 +319,41 @@ void ShowKeyCrypto(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_H
         std::printf("  VerifySignature in the vault: 0x%08lX; with one bit flipped: 0x%08lX\n", Status(good),
                     Status(tampered));
     }
-    if (rsa)
+    if (rsa && showEncryption)
         ShowEncryption(table, provider, key);
     table->FreeKey(provider, key);
+}
+
+// A key's whole life through the provider: created in the vault (behind a certificate, the
+// default mode), used like any other key, then deleted and purged so the name is free again.
+void ShowLifecycle(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider)
+{
+    const wchar_t *name = L"demo lifecycle key";
+    NCRYPT_KEY_HANDLE key = 0;
+    SECURITY_STATUS status = table->CreatePersistedKey(provider, &key, BCRYPT_RSA_ALGORITHM, name, 0,
+                                                       NCRYPT_MACHINE_KEY_FLAG | NCRYPT_OVERWRITE_KEY_FLAG);
+    std::printf("CreatePersistedKey \"%ls\" RSA: 0x%08lX\n", name, Status(status));
+    if (status != 0)
+        return;
+    DWORD bits = 3072;
+    status = table->SetKeyProperty(provider, key, NCRYPT_LENGTH_PROPERTY, reinterpret_cast<PBYTE>(&bits),
+                                   sizeof(bits), 0);
+    std::printf("  SetKeyProperty Length %lu: 0x%08lX\n", static_cast<unsigned long>(bits), Status(status));
+    status = table->FinalizeKey(provider, key, 0);
+    std::printf("  FinalizeKey (the vault makes the key pair): 0x%08lX\n", Status(status));
+    table->FreeKey(provider, key);
+    if (status != 0)
+        return;
+    // A certificate's key is made for its key usage ("digitalSignature"): the vault signs with it
+    // but refuses to encrypt, so only signing is shown here.
+    ShowKeyCrypto(table, provider, name, false);
+    status = table->OpenKey(provider, &key, name, 0, NCRYPT_MACHINE_KEY_FLAG);
+    if (status == 0) {
+        status = table->DeleteKey(provider, key, 0);
+        if (status != 0)
+            table->FreeKey(provider, key);
+    }
+    std::printf("DeleteKey \"%ls\" (deleted and purged): 0x%08lX\n", name, Status(status));
 }
 
 HMODULE LoadProvider()
@@ -380,6 +412,7 @@ int main(int argc, char **argv)
             PrintOpenedKey(table, provider, names.front());
         for (const std::wstring &name : names)
             ShowKeyCrypto(table, provider, name);
+        ShowLifecycle(table, provider);
         std::printf("FreeProvider: 0x%08lX\n", static_cast<unsigned long>(table->FreeProvider(provider)));
     }
     FreeLibrary(module);
