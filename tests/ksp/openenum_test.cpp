@@ -1,10 +1,6 @@
 #include "tests/harness/harness.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
-
-#include "support/log.h"
 
 using namespace kestal_test;
 
@@ -56,14 +52,10 @@ TEST_F(OpenEnum, OpenKeyTakesAlgorithmAndLengthFromTheVaultKey)
         ASSERT_NE(key, nullptr) << c.name;
         EXPECT_STREQ(key->szAlgorithm, c.algorithm) << c.name;
         EXPECT_EQ(key->dwKeyBitLength, c.bits) << c.name;
-        EXPECT_EQ(key->fFinished, 1u) << c.name;
         EXPECT_EQ(key->dwMachineKey, c.flags & kMachine) << c.name;
         EXPECT_EQ(key->kvc, c.flags & kMachine ? p->kvcMachine : p->kvcUser) << c.name;
     }
-    std::vector<SeenRequest> seen = VaultRequests();
-    ASSERT_EQ(seen.size(), std::size(cases));
-    EXPECT_EQ(seen[0].url, "/keys/rsa2048?api-version=2016-10-01");
-    EXPECT_EQ(seen[1].host, "kestaltest2.vault.azure.net");
+    EXPECT_EQ(VaultRequests().size(), std::size(cases));
 }
 
 TEST_F(OpenEnum, MissingKeysAreNotFoundWithOnlyTracesFromTheVaultClient)
@@ -75,15 +67,11 @@ TEST_F(OpenEnum, MissingKeysAreNotFoundWithOnlyTracesFromTheVaultClient)
     EXPECT_EQ(Ksp().OpenKey(provider, &h, L"absent", 0, kMachine), NTE_NOT_FOUND);
     EXPECT_EQ(VaultRequests().size(), 1u);
     EXPECT_EQ(h, 0u);
-    EXPECT_EQ(Log("KVCGetKey KVCDoKVRESTCall"),
-              (std::vector<std::string>{"KVCGetKey KVCDoKVRESTCall SupressFailedReadError 10",
-                                        "KVCGetKey KVCDoKVRESTCall SupressFailedReadError Error 0x194 10"}));
-    for (const std::string &line : Log()) {
-        bool severe = line.size() > 2 && (line.ends_with(" 1") || line.ends_with(" 2"));
-        if (severe) {
-            EXPECT_EQ(line, "KestalKeyVaultKSPOpenKey Error Error 0x80090011 1");
-        }
-    }
+    ASSERT_EQ(Log("KVCGetKey KVCDoKVRESTCall SupressFailedReadError Error 0x194 10").size(), 1u);
+    for (const std::string &line : Log())
+        EXPECT_TRUE((!line.ends_with(" 1") && !line.ends_with(" 2")) ||
+                    line == "KestalKeyVaultKSPOpenKey Error Error 0x80090011 1")
+            << line;
 }
 
 TEST_F(OpenEnum, MachineOpensSyncCertificatesOncePerProviderInCertificateMode)
@@ -107,25 +95,35 @@ TEST_F(OpenEnum, MachineOpensSyncCertificatesOncePerProviderInCertificateMode)
     EXPECT_EQ(syncs(), 2u);
 }
 
-TEST_F(OpenEnum, EnumKeysWalksEveryPageWithOneLookupPerKey)
+TEST_F(OpenEnum, EnumKeysWalksEveryPageWithOneLookupPerKeyAndKnowsOnlyItsOwnStates)
 {
+    NCRYPT_PROV_HANDLE provider = OpenProvider();
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+    NCryptKeyName *name = nullptr;
+    PVOID state = nullptr, foreign = &name;
+    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS); // the empty user vault
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
+    EXPECT_EQ(VaultRequests().size(), 1u);
+    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &foreign, 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(ksp.FreeBuffer(state), 0);
+    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_INVALID_PARAMETER); // freed: no longer known
+
     SeedKey(emulator, L"kestaltest", "alpha");
     SeedKey(emulator, L"kestaltest", kMyKeyEncoded, R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})");
     SeedKey(emulator, L"kestaltest", "beta", R"("kty":"EC","crv":"P-384")");
     SetPageSizes(emulator, L"kestaltest", {1, 1, 1});
-
-    NCRYPT_PROV_HANDLE provider = OpenProvider();
+    emulator.Call(L"DELETE", L"/requests");
     std::vector<std::wstring> seen;
-    PVOID state = nullptr;
-    NCryptKeyName *name = nullptr;
     SECURITY_STATUS status;
-    while ((status = Ksp().EnumKeys(provider, nullptr, &name, &state, kMachine | NCRYPT_SILENT_FLAG)) == 0) {
+    state = nullptr;
+    while ((status = ksp.EnumKeys(provider, nullptr, &name, &state, kMachine | NCRYPT_SILENT_FLAG)) == 0) {
         seen.push_back(std::wstring(name->pszName) + L":" + name->pszAlgid);
         EXPECT_EQ(name->dwFlags, kMachine);
-        EXPECT_EQ(Ksp().FreeBuffer(name), 0);
+        EXPECT_EQ(ksp.FreeBuffer(name), 0);
     }
     EXPECT_EQ(status, NTE_NO_MORE_ITEMS);
-    EXPECT_EQ(Ksp().FreeBuffer(state), 0);
+    EXPECT_EQ(ksp.FreeBuffer(state), 0);
     EXPECT_EQ(seen, (std::vector<std::wstring>{L"My Key:ECDSA_P256", L"alpha:RSA", L"beta:ECDH_P384"}));
     std::vector<std::string> urls;
     for (const SeenRequest &r : VaultRequests())
@@ -134,48 +132,28 @@ TEST_F(OpenEnum, EnumKeysWalksEveryPageWithOneLookupPerKey)
                                               "/keys/beta"}));
 }
 
-TEST_F(OpenEnum, EnumKeysStateIsListedUntilFreedEvenWhenTheVaultIsEmpty)
-{
-    NCRYPT_PROV_HANDLE provider = OpenProvider(Via::Core);
-    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp(Via::Core);
-    NCryptKeyName *name = nullptr;
-    PVOID state = nullptr, foreign = &name;
-    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
-    ASSERT_NE(state, nullptr);
-    EXPECT_EQ(g_EnumBufferList.Flink->pBuffer, state);
-    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
-    EXPECT_EQ(VaultRequests().size(), 1u);
-    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &foreign, 0), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(ksp.FreeBuffer(state), 0);
-    EXPECT_EQ(g_EnumBufferList.Flink, &g_EnumBufferList);
-    EXPECT_EQ(Log("KestalKeyVaultKSPEnumKeys NOT NCRYPT_MACHINE_KEY_FLAG 10").size(), 3u);
-}
-
 TEST_F(OpenEnum, ThrottledVaultIsAskedSixTimesBeforeTheEntryFails)
 {
-    struct Case {
-        bool open;
-        const char *path;
-        SECURITY_STATUS status;
-        size_t calls;
-    } cases[] = {{true, "/keys/alpha", NTE_NOT_FOUND, 6}, {false, "/keys", kVaultFailed, 6},
-                 {false, "/keys/alpha", kVaultFailed, 7}};
     SeedKey(emulator, L"kestaltest", "alpha");
-    NCRYPT_PROV_HANDLE provider = OpenProvider(Via::Core);
-    for (const Case &c : cases) {
+    NCRYPT_PROV_HANDLE provider = OpenProvider(Via::Core); // the core's waits are fake
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp(Via::Core);
+    const std::tuple<bool, const char *, SECURITY_STATUS, size_t> cases[] = {{true, "/keys/alpha", NTE_NOT_FOUND, 6},
+                                                                             {false, "/keys", kVaultFailed, 6},
+                                                                             {false, "/keys/alpha", kVaultFailed, 7}};
+    for (const auto &[open, path, expected, calls] : cases) {
         emulator.Call(L"DELETE", L"/requests");
         time.waits.clear();
-        ScriptAnswers(emulator, "vault", R"([{"status":429},{"status":429},{"status":429},{"status":429},
-                                             {"status":429},{"status":429}])", "GET", c.path);
+        ScriptAnswers(emulator, "vault", R"([{"status":429,"repeat":6}])", "GET", path);
         NCRYPT_KEY_HANDLE h = 0;
         NCryptKeyName *name = nullptr;
         PVOID state = nullptr;
-        EXPECT_EQ(c.open ? Ksp(Via::Core).OpenKey(provider, &h, L"alpha", 0, kMachine)
-                         : Ksp(Via::Core).EnumKeys(provider, nullptr, &name, &state, kMachine),
-                  c.status);
-        EXPECT_EQ(VaultRequests().size(), c.calls) << c.path;
-        EXPECT_EQ(time.waits, (std::vector<DWORD>{1000, 2000, 4000, 8000, 16000})) << c.path;
-        Ksp(Via::Core).FreeBuffer(state);
+        EXPECT_EQ(open ? ksp.OpenKey(provider, &h, L"alpha", 0, kMachine)
+                       : ksp.EnumKeys(provider, nullptr, &name, &state, kMachine),
+                  expected)
+            << path;
+        EXPECT_EQ(VaultRequests().size(), calls) << path;
+        EXPECT_EQ(time.waits, (std::vector<DWORD>{1000, 2000, 4000, 8000, 16000})) << path;
+        ksp.FreeBuffer(state);
     }
 }
 

@@ -1,7 +1,5 @@
 #include "tests/harness/harness.h"
 
-#include <gtest/gtest.h>
-
 #include "kvclient/kvc.h"
 
 using namespace kestal_test;
@@ -86,42 +84,31 @@ TEST_F(Crypto, VaultSignaturesVerifyThroughTheVaultAndTamperedOnesDoNot)
     }
 }
 
-TEST_F(Crypto, RequestBodiesCarryStandardBase64AndTheDigestOnlyForVerify)
+TEST_F(Crypto, OneExactRequestPerCallEvenForLengthQueriesAndShortBuffers)
 {
     Key();
-    std::string digest(32, '\xfb'), sig;
-    const std::string digestBase64 = "+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/s=";
+    std::string digest(32, '\xfb'), sig, ciphertext, plaintext;
     ASSERT_EQ(Op(L"sign", L"RS256", digest, &sig), 0); // a result buffer is passed, yet no digest goes out
     ScriptAnswers(emulator, "vault", R"([{"status":200,"body":{"value":true}}])", "POST");
     EXPECT_EQ(Verify(L"RS256", "\xfb\xff", "\xff\xfe"), 0);
-    std::string prefix = "POST /keys/k/" + std::string(kVersion);
-    EXPECT_EQ(Calls(), (std::vector<std::string>{
-                            prefix + "/sign?api-version=7.0 {\"alg\":\"RS256\",\"value\":\"" + digestBase64 + "\"}",
-                            prefix + R"(/verify?api-version=7.0 {"alg":"RS256","digest":"+/8=","value":"//4="})"}));
-
-    // A null algorithm goes out empty and the vault's 400 is NTE_FAIL.
-    EXPECT_EQ(Op(L"sign", nullptr, digest, &sig), NTE_FAIL);
-    EXPECT_EQ(Calls(),
-              std::vector<std::string>{prefix + R"(/sign?api-version=7.0 {"alg":"","value":")" + digestBase64 + "\"}"});
-    EXPECT_EQ(Log("KVCCryptoOp Failed Error 0x190 1").size(), 1u);
-}
-
-TEST_F(Crypto, LengthQueriesAndShortBuffersStillRunTheOperation)
-{
-    Key();
-    std::string ciphertext, plaintext;
     ASSERT_EQ(Op(L"encrypt", L"RSA-OAEP", "attack at dawn", &ciphertext, 1024, nullptr), 0); // latest version
     EXPECT_EQ(ciphertext.size(), 256u);
-    EXPECT_EQ(Op(L"decrypt", L"RSA-OAEP", ciphertext, &plaintext, 0), 0);
+    const std::string prefix = "POST /keys/k/" + std::string(kVersion);
+    const std::string digest64 = "+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/v7+/s=";
+    EXPECT_EQ(Calls(),
+              (std::vector<std::string>{
+                  prefix + R"(/sign?api-version=7.0 {"alg":"RS256","value":")" + digest64 + "\"}",
+                  prefix + R"(/verify?api-version=7.0 {"alg":"RS256","digest":"+/8=","value":"//4="})",
+                  R"(POST /keys/k//encrypt?api-version=7.0 {"alg":"RSA-OAEP","value":"YXR0YWNrIGF0IGRhd24="})"}));
+
+    EXPECT_EQ(Op(L"decrypt", L"RSA-OAEP", ciphertext, &plaintext, 0), 0); // no output: the length
     EXPECT_EQ(plaintext.size(), 14u);
     EXPECT_EQ(Op(L"decrypt", L"RSA-OAEP", ciphertext, &plaintext, 13), NTE_FAIL);
     EXPECT_EQ(plaintext.size(), 14u);
     EXPECT_EQ(plaintext.substr(0, 13), std::string(13, '\xee')); // nothing copied
     ASSERT_EQ(Op(L"decrypt", L"RSA-OAEP", ciphertext, &plaintext, 14), 0);
     EXPECT_EQ(plaintext, "attack at dawn");
-    std::vector<std::string> calls = Calls();
-    ASSERT_EQ(calls.size(), 4u);
-    EXPECT_EQ(calls[0], R"(POST /keys/k//encrypt?api-version=7.0 {"alg":"RSA-OAEP","value":"YXR0YWNrIGF0IGRhd24="})");
+    EXPECT_EQ(Calls().size(), 3u);
 }
 
 TEST_F(Crypto, AnswersMapToStatusesAndOnlyAJsonTrueVerifies)
@@ -135,7 +122,6 @@ TEST_F(Crypto, AnswersMapToStatusesAndOnlyAJsonTrueVerifies)
         {R"({"status":200,"body":{"value":false}})", TRUE, NTE_BAD_SIGNATURE},
         {R"({"status":200,"body":{"value":"false"}})", TRUE, NTE_BAD_SIGNATURE},
         {R"({"status":200,"body":{"value":"true"}})", TRUE, NTE_BAD_SIGNATURE},
-        {R"({"status":200,"body":{"value":1}})", TRUE, NTE_BAD_SIGNATURE},
         {R"({"status":200,"body":{}})", TRUE, NTE_INVALID_PARAMETER},
         {R"({"status":200,"body":"not json"})", TRUE, NTE_INVALID_PARAMETER},
         {R"({"status":200})", TRUE, NTE_FAIL},
@@ -154,17 +140,6 @@ TEST_F(Crypto, AnswersMapToStatusesAndOnlyAJsonTrueVerifies)
         EXPECT_EQ(row.fVerify ? Verify(L"ES256", "d", "s") : Op(L"sign", L"ES256", "d", &out), row.expected)
             << row.answer;
     }
-    EXPECT_EQ(KVCCryptoOp(kvc, L"sign", nullptr, L"v", FALSE, L"ES256", nullptr, 0, nullptr, nullptr),
-              NTE_INVALID_PARAMETER);
-    EXPECT_EQ(KVCCryptoOp(nullptr, L"sign", L"k", L"v", FALSE, L"ES256", nullptr, 0, nullptr, nullptr),
-              NTE_INVALID_PARAMETER);
-    EXPECT_EQ(Log("KVCCryptoOp NULL Key Name 1").size() + Log("KVCCryptoOp NULL KVC 1").size(), 2u);
-
-    // A client without a token never reaches the vault.
-    KvcOwner noToken(KVCNew(L"kestaltest", 2, L"t", L"c", L"s", L"", 1, 1, 1, 0));
-    DWORD cb = 0;
-    EXPECT_EQ(KVCCryptoOp(noToken.get(), L"sign", L"k", L"v", FALSE, L"ES256", Bytes(all), 1, nullptr, &cb), NTE_FAIL);
-    EXPECT_EQ(Log("KVCCryptoOp KVCDoKVRESTCall Error Error 0x0 1").size(), 1u);
     EXPECT_EQ(Calls().size(), std::size(rows));
 }
 
@@ -177,7 +152,6 @@ TEST_F(Crypto, ThrottlingAllowsFiveCallsThenEndsInInvalidParameter)
     EXPECT_EQ(Op(L"sign", L"RS256", digest, &sig), NTE_INVALID_PARAMETER);
     EXPECT_EQ(Calls().size(), 5u);
     EXPECT_EQ(time.waits, (std::vector<DWORD>{1000, 2000, 4000, 8000, 16000}));
-    EXPECT_EQ(Log("KVCCryptoOp ActionThrottled Error 0x1ad 2").size(), 5u);
 
     time.waits.clear();
     EXPECT_EQ(Op(L"sign", L"RS256", digest, &sig), 0); // one 429, then the vault signs
