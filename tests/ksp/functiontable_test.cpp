@@ -2,57 +2,47 @@
 
 #include "tests/harness/harness.h"
 
-using kestal_test::KspRouter;
+using namespace kestal_test;
 
-TEST(FunctionTable, RouterLoadsTheDllAndFindsAFullVersionOneTable)
+#define KSP_SLOT(name) reinterpret_cast<const void *>(KestalKeyVaultKSP##name)
+
+TEST(FunctionTable, OneStaticVersionOneTableHoldsTheEntriesInTableOrder)
 {
-    std::string why;
-    auto router = KspRouter::LoadDll(&why);
-    ASSERT_TRUE(router) << why;
-
-    // The table is static: every call hands out the same one, whatever the name or flags.
-    NCRYPT_KEY_STORAGE_FUNCTION_TABLE *again = nullptr;
-    EXPECT_EQ(GetKeyStorageInterface(nullptr, &again, 0xFFFFFFFF), 0);
-    ASSERT_NE(again, nullptr);
-    EXPECT_TRUE(KspRouter::CheckTable(again, &why)) << why;
-}
-
-TEST(FunctionTable, SlotsHoldTheEntriesInTableOrder)
-{
-    NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table = nullptr;
+    NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table = nullptr, *again = nullptr;
     ASSERT_EQ(GetKeyStorageInterface(KSP_PROVIDER_NAME, &table, 0), 0);
+    EXPECT_EQ(GetKeyStorageInterface(nullptr, &again, 0xFFFFFFFF), 0) << "whatever the name or flags";
     ASSERT_NE(table, nullptr);
+    EXPECT_EQ(again, table);
     EXPECT_EQ(table->Version.MajorVersion, 1);
     EXPECT_EQ(table->Version.MinorVersion, 0);
     const void *expected[26] = {
-        reinterpret_cast<const void *>(KestalKeyVaultKSPOpenProvider),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPOpenKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPCreatePersistedKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPGetProviderProperty),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPGetKeyProperty),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPSetProviderProperty),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPSetKeyProperty),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPFinalizeKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPDeleteKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPFreeProvider),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPFreeKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPFreeBuffer),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPEncrypt),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPDecrypt),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPIsAlgSupported),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPEnumAlgorithms),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPEnumKeys),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPImportKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPExportKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPSignHash),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPVerifySignature),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPPromptUser),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPNotifyChangeKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPSecretAgreement),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPDeriveKey),
-        reinterpret_cast<const void *>(KestalKeyVaultKSPFreeSecret),
+        KSP_SLOT(OpenProvider),      KSP_SLOT(OpenKey),          KSP_SLOT(CreatePersistedKey),
+        KSP_SLOT(GetProviderProperty), KSP_SLOT(GetKeyProperty), KSP_SLOT(SetProviderProperty),
+        KSP_SLOT(SetKeyProperty),    KSP_SLOT(FinalizeKey),      KSP_SLOT(DeleteKey),
+        KSP_SLOT(FreeProvider),      KSP_SLOT(FreeKey),          KSP_SLOT(FreeBuffer),
+        KSP_SLOT(Encrypt),           KSP_SLOT(Decrypt),          KSP_SLOT(IsAlgSupported),
+        KSP_SLOT(EnumAlgorithms),    KSP_SLOT(EnumKeys),         KSP_SLOT(ImportKey),
+        KSP_SLOT(ExportKey),         KSP_SLOT(SignHash),         KSP_SLOT(VerifySignature),
+        KSP_SLOT(PromptUser),        KSP_SLOT(NotifyChangeKey),  KSP_SLOT(SecretAgreement),
+        KSP_SLOT(DeriveKey),         KSP_SLOT(FreeSecret),
     };
     auto slots = reinterpret_cast<void *const *>(&table->OpenProvider);
     for (int i = 0; i < 26; ++i)
         EXPECT_EQ(slots[i], expected[i]) << "slot " << i + 1;
+}
+
+TEST(FunctionTable, TheRouterLoadsTheDllAndOpensAnswersAndFreesThroughItsTable)
+{
+    ClearSettings(HKEY_LOCAL_MACHINE);
+    ClearSettings(HKEY_CURRENT_USER);
+    std::string why;
+    auto router = KspRouter::LoadDll(&why); // checks version 1.0 and all 26 entries set
+    ASSERT_TRUE(router) << why;
+    NCRYPT_PROV_HANDLE h = 0;
+    ASSERT_EQ(router->ksp().OpenProvider(&h, KSP_PROVIDER_NAME, 0), 0);
+    wchar_t name[64] = {};
+    DWORD cb = 0;
+    EXPECT_EQ(router->ksp().GetProviderProperty(h, L"Name", reinterpret_cast<PBYTE>(name), sizeof(name), &cb, 0), 0);
+    EXPECT_STREQ(name, KSP_PROVIDER_NAME);
+    EXPECT_EQ(router->ksp().FreeProvider(h), 0);
 }

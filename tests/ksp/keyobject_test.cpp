@@ -16,10 +16,7 @@ using namespace kestal_test;
 
 namespace {
 
-struct KeyDelete {
-    void operator()(KSP_KEY *pKey) const { DeleteKeyObject(pKey); }
-};
-using Key = std::unique_ptr<KSP_KEY, KeyDelete>;
+using Key = std::unique_ptr<KSP_KEY, decltype([](KSP_KEY *pKey) { DeleteKeyObject(pKey); })>;
 
 class KeyObjects : public LogFolderTest {
 protected:
@@ -40,8 +37,8 @@ protected:
         return SetBuildinKeyProperty(pKey, name, static_cast<const BYTE *>(pb), cb, &flags_);
     }
     SECURITY_STATUS Set(KSP_KEY *pKey, const wchar_t *name, DWORD value) { return Set(pKey, name, &value, 4); }
-    std::string Log() const { return ReadTodaysLog(dir_); }
-    bool Logged(const std::string &line) const { return Log().find(line + "\r\n") != std::string::npos; }
+    std::vector<std::string> Logged() const { return LogMessages(ReadTodaysLog(dir_)); }
+    bool Logged(const std::string &line) const { return std::ranges::count(Logged(), line) > 0; }
     KVC kvc_{};
     DWORD flags_ = 0;
 };
@@ -59,16 +56,17 @@ std::vector<BYTE> RsaBlob(ULONG magic, ULONG cbTail)
 
 } // namespace
 
-TEST_F(KeyObjects, NewKeysCarryTheirDefaultsAndLimitTheirNames)
+TEST_F(KeyObjects, NewKeysCarryTheirDefaultsAndNamesUpTo129Characters)
 {
-    struct { const wchar_t *alg; DWORD bits; } algs[] = {
+    const std::wstring longest(129, L'n');
+    const std::pair<const wchar_t *, DWORD> algs[] = {
         {L"RSA", 2048}, {L"ECDSA_P256", 256}, {L"ECDH_P384", 384}, {L"ECDSA_P521", 521}, {L"", 0}};
-    for (const auto &a : algs) {
-        Key key = NewKey(a.alg, std::wstring(129, L'n').c_str());
+    for (const auto &[alg, bits] : algs) {
+        Key key = NewKey(alg, longest.c_str());
         ASSERT_EQ(KspKeyFromHandle(reinterpret_cast<NCRYPT_KEY_HANDLE>(key.get())), key.get());
-        EXPECT_EQ(key->dwKeyBitLength, a.bits);
+        EXPECT_EQ(key->dwKeyBitLength, bits);
         EXPECT_EQ(key->dwKeyUsagePolicy, 3u);
-        EXPECT_EQ(key->pszKeyName, std::wstring(129, L'n'));
+        EXPECT_EQ(key->pszKeyName, longest);
         EXPECT_EQ(key->dwExportPolicy | key->fFinished | key->fPublishCert, 0u);
     }
     KSP_KEY *pKey = reinterpret_cast<KSP_KEY *>(1);
@@ -79,7 +77,7 @@ TEST_F(KeyObjects, NewKeysCarryTheirDefaultsAndLimitTheirNames)
     Key unnamed(pKey);
     EXPECT_EQ(unnamed->pszKeyName, nullptr);
     EXPECT_EQ(unnamed->dwMachineKey, static_cast<DWORD>(NCRYPT_MACHINE_KEY_FLAG));
-    unnamed->cbLength = 999;
+    unnamed->cbLength = 999; // every key says 1000
     EXPECT_EQ(KspKeyFromHandle(reinterpret_cast<NCRYPT_KEY_HANDLE>(unnamed.get())), nullptr);
     unnamed->cbLength = 1000;
     EXPECT_EQ(KspKeyFromHandle(0), nullptr);
@@ -87,19 +85,18 @@ TEST_F(KeyObjects, NewKeysCarryTheirDefaultsAndLimitTheirNames)
 
 TEST_F(KeyObjects, PropertyNodesHoldNamesUpTo64CharactersAndTheirFlags)
 {
-    struct { DWORD flags, persist, notPersistOnly; } rows[] = {
+    const struct { DWORD flags, persist, notPersistOnly; } rows[] = {
         {0, 0, 1}, {NCRYPT_PERSIST_FLAG, 1, 1}, {NCRYPT_PERSIST_ONLY_FLAG, 1, 0}, {NCRYPT_SILENT_FLAG, 0, 1}};
-    BYTE value[3] = {1, 2, 3};
+    const BYTE value[3] = {1, 2, 3};
+    KSP_PROPERTY *pProperty = nullptr;
     for (const auto &r : rows) {
-        KSP_PROPERTY *pProperty = nullptr;
-        ASSERT_EQ(CreateNewProperty(std::wstring(64, L'p').c_str(), value, sizeof(value), r.flags, &pProperty), 0);
+        ASSERT_EQ(CreateNewProperty(std::wstring(64, L'p').c_str(), value, 3, r.flags, &pProperty), 0);
         EXPECT_EQ(pProperty->szName, std::wstring(64, L'p'));
-        EXPECT_EQ(pProperty->cbPropertyData, 3u);
-        EXPECT_EQ(memcmp(KspPropertyData(pProperty), value, 3), 0);
+        EXPECT_EQ(std::vector<BYTE>(KspPropertyData(pProperty), KspPropertyData(pProperty) + pProperty->cbPropertyData),
+                  std::vector<BYTE>(value, value + 3));
         EXPECT_EQ(pProperty->fPersist * 2 + pProperty->fNotPersistOnly, r.persist * 2 + r.notPersistOnly);
         KspFree(pProperty);
     }
-    KSP_PROPERTY *pProperty = nullptr;
     EXPECT_EQ(CreateNewProperty(std::wstring(65, L'p').c_str(), value, 3, 0, &pProperty), NTE_INVALID_PARAMETER);
     EXPECT_EQ(pProperty, nullptr);
     EXPECT_EQ(KspAlloc(0x100000000ull), nullptr);
@@ -108,23 +105,22 @@ TEST_F(KeyObjects, PropertyNodesHoldNamesUpTo64CharactersAndTheirFlags)
 
 TEST_F(KeyObjects, LengthAndExportPolicyFollowAlgorithmAndSetting)
 {
-    struct {
+    // Algorithm, ExportableOption, property, value, status and the flags handed back.
+    const struct {
         const wchar_t *alg;
-        DWORD option; // ExportableOption
+        DWORD option;
         const wchar_t *name;
         DWORD value;
         SECURITY_STATUS status;
-        DWORD kept; // the flags handed back
+        DWORD kept;
     } rows[] = {
         {L"RSA", 0, L"Length", 1024, NTE_NOT_SUPPORTED, 0}, {L"RSA", 0, L"Length", 2049, NTE_NOT_SUPPORTED, 0},
         {L"RSA", 0, L"Length", 4104, NTE_NOT_SUPPORTED, 0}, {L"RSA", 0, L"Length", 3072, 0, 0},
         {L"ECDSA_P384", 0, L"Length", 384, 0, 0}, {L"ECDH_P521", 0, L"Length", 256, NTE_NOT_SUPPORTED, 0},
-        {L"", 0, L"Length", 1234, 0, 0},
-        {L"RSA", 0, L"Export Policy", 0, 0, NCRYPT_PERSIST_FLAG},
+        {L"", 0, L"Length", 1234, 0, 0}, {L"RSA", 0, L"Export Policy", 0, 0, NCRYPT_PERSIST_FLAG},
         {L"RSA", 0, L"Export Policy", NCRYPT_ALLOW_EXPORT_FLAG, NTE_NOT_SUPPORTED, 0},
         {L"RSA", 1, L"Export Policy", NCRYPT_ALLOW_EXPORT_FLAG, 0, NCRYPT_PERSIST_FLAG},
-        {L"RSA", 1, L"Export Policy", 16, NTE_NOT_SUPPORTED, 0},
-        {L"RSA", 2, L"Export Policy", 0, NTE_NOT_SUPPORTED, 0},
+        {L"RSA", 1, L"Export Policy", 16, NTE_NOT_SUPPORTED, 0}, {L"RSA", 2, L"Export Policy", 0, NTE_NOT_SUPPORTED, 0},
         {L"RSA", 0, L"Key Usage", NCRYPT_ALLOW_SIGNING_FLAG, 0, NCRYPT_PERSIST_FLAG},
     };
     for (const auto &r : rows) {
@@ -132,8 +128,8 @@ TEST_F(KeyObjects, LengthAndExportPolicyFollowAlgorithmAndSetting)
         kvc_.dwExportable = r.option;
         EXPECT_EQ(Set(key.get(), r.name, r.value), r.status) << Narrow(r.name) << " " << r.value;
         EXPECT_EQ(flags_, r.kept) << Narrow(r.name) << " " << r.value;
-        EXPECT_EQ(wcscmp(r.name, L"Length") ? key->dwExportPolicy : key->dwKeyBitLength,
-                  wcscmp(r.name, L"Length") ? 0 : r.value); // a refused length stays; the policy never does
+        const bool length = wcscmp(r.name, L"Length") == 0; // a refused length stays; the policy never does
+        EXPECT_EQ(length ? key->dwKeyBitLength : key->dwExportPolicy, length ? r.value : 0);
     }
     EXPECT_TRUE(Logged("SetBuildinKeyProperty EXPORTABLE_KEYS_UNSUPPORTED 1"));
     EXPECT_TRUE(Logged("SetBuildinKeyProperty bad Exportable Value ExportableOption 2 1"));
@@ -149,9 +145,8 @@ TEST_F(KeyObjects, LengthAndExportPolicyFollowAlgorithmAndSetting)
 TEST_F(KeyObjects, OtherBuiltinPropertiesLandInTheKey)
 {
     Key key = NewKey();
-    const wchar_t context[] = L"TLS server";
     for (const wchar_t *name : {L"Use Context", L"HWND Handle", L"UI Policy", L"SmartCardKeyCertificate"}) {
-        EXPECT_EQ(Set(key.get(), name, context, 6), 0);
+        EXPECT_EQ(Set(key.get(), name, L"TLS server", 6), 0);
         EXPECT_EQ(flags_, 0u);
     }
     EXPECT_STREQ(key->pszUseContext, L"TLS"); // only the three characters given
@@ -160,12 +155,11 @@ TEST_F(KeyObjects, OtherBuiltinPropertiesLandInTheKey)
     SECURITY_DESCRIPTOR absolute;
     InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION);
     BYTE relative[64];
-    DWORD cbRelative = sizeof(relative);
+    DWORD cbRelative = sizeof(relative), flags = DACL_SECURITY_INFORMATION | NCRYPT_PERSIST_FLAG;
     ASSERT_TRUE(MakeSelfRelativeSD(&absolute, relative, &cbRelative));
-    DWORD flags = DACL_SECURITY_INFORMATION | NCRYPT_PERSIST_FLAG;
     EXPECT_EQ(SetBuildinKeyProperty(key.get(), L"Security Descr", relative, cbRelative, &flags), 0);
-    ASSERT_EQ(key->cbSecurityDescr, cbRelative);
-    EXPECT_EQ(memcmp(key->pbSecurityDescr, relative, cbRelative), 0);
+    EXPECT_EQ(std::vector<BYTE>(key->pbSecurityDescr, key->pbSecurityDescr + key->cbSecurityDescr),
+              std::vector<BYTE>(relative, relative + cbRelative));
     EXPECT_EQ(key->dwSecurityInfo, DACL_SECURITY_INFORMATION | NCRYPT_PERSIST_FLAG);
     EXPECT_EQ(Set(key.get(), L"Security Descr", relative, 8), NTE_BAD_DATA);
     EXPECT_EQ(Set(key.get(), L"length", 2048), NTE_NOT_SUPPORTED);
@@ -182,7 +176,6 @@ TEST_F(KeyObjects, PrivateBlobIsKeptOnlyUnderDpapi)
         EXPECT_EQ(flags_, 0u);
         std::string stored(reinterpret_cast<char *>(key->pbPrivateKey), key->cbPrivateKey);
         EXPECT_EQ(stored.find(std::string(blob.begin() + 24, blob.begin() + 40)), std::string::npos);
-
         DATA_BLOB in{static_cast<DWORD>(key->cbPrivateKey), key->pbPrivateKey}, out{};
         LPWSTR description = nullptr;
         ASSERT_TRUE(CryptUnprotectData(&in, &description, nullptr, nullptr, nullptr, CRYPTPROTECT_UI_FORBIDDEN, &out));
@@ -211,23 +204,14 @@ TEST_F(KeyObjects, DeletingFreesEveryPropertyAndGivesTheSemaphoreBack)
         pProperty->ListEntry.Blink = key->PropertyList.Blink;
         key->PropertyList.Blink = key->PropertyList.Blink->Flink = &pProperty->ListEntry;
     }
-    size_t before = Log().size();
     EXPECT_EQ(DeleteKeyObject(key.release()), 0);
-    std::vector<std::string> lines; // message and level of every DeleteKeyObject line, in order
-    std::string log = Log();
-    for (size_t at = log.find("DeleteKeyObject ", before); at != std::string::npos;
-         at = log.find("DeleteKeyObject ", at + 1))
-        lines.push_back(log.substr(at + 16, log.find('\r', at) - at - 16));
-    const std::vector<std::string> expected = {
-        "HeapFree pszKeyFilePath 4", "HeapFree pszKeyName 8", "HeapFree pbKeyFile 8", "HeapFree pbSecurityDescr 8",
-        "HeapFree pbPrivateKey 8", "HeapFree PropertyList 8", "HeapFree pProperty 8", "HeapFree pProperty 8",
-        "HeapFree pProperty 8", "Complete 8"};
-    EXPECT_EQ(lines, expected);
-    EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), WAIT_OBJECT_0);
+    std::vector<std::string> lines = Logged();
+    EXPECT_EQ(std::ranges::count(lines, "DeleteKeyObject HeapFree pProperty 8"), 3);
+    EXPECT_EQ(lines.back(), "DeleteKeyObject Complete 8");
+    EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), WAIT_OBJECT_0) << "count 1 again";
     ReleaseSemaphore(g_hKspSemaphore, 1, nullptr);
 
-    HANDLE saved = g_hKspSemaphore;
-    g_hKspSemaphore = nullptr; // a wait that fails: logged, and the key is freed anyway
+    HANDLE saved = std::exchange(g_hKspSemaphore, nullptr); // a wait that fails: logged, the key freed anyway
     EXPECT_EQ(DeleteKeyObject(NewKey().release()), 0);
     g_hKspSemaphore = saved;
     EXPECT_TRUE(Logged("DeleteKeyObject Failed to grab Semaphone - Result Error 0xffffffff 4"));

@@ -11,11 +11,7 @@ using namespace kestal_test;
 
 namespace {
 
-struct NameCase {
-    std::wstring clear, encoded;
-};
-
-const NameCase kEncodingTable[] = {
+const std::pair<std::wstring, std::wstring> kEncodingTable[] = { // clear name, vault name
     {L"web-server-01", L"web-server-01"},
     {L"My Key", L"-bBAVCAgAAZBABCAVCA" + std::wstring(24, L'z')},
     {L"-lead", L"-tAAICABCAvBAACA" + std::wstring(27, L'z')},
@@ -25,8 +21,6 @@ const NameCase kEncodingTable[] = {
     {std::wstring(15, L'A') + L" ", L"-PBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAgAA"},
 };
 
-bool IsVaultChar(wchar_t c) { return c == L'-' || (iswascii(c) && iswalnum(c)); }
-
 class KeyNames : public LogFolderTest {
 protected:
     void SetUp() override { LogFolderTest::SetUp(); Attach(10, 0); }
@@ -34,20 +28,19 @@ protected:
     bool Logged(const std::string &line) const { return ReadTodaysLog(dir_).find(line + "\r\n") != std::string::npos; }
 };
 
-// A KeyBundle as the vault returns it, with the key members and the tags given as JSON text.
+// A KeyBundle as the vault returns it: the key's members, and the tags as JSON text.
 std::string Bundle(const std::string &key, const std::string &tags = "")
 {
-    std::string json = "{\"key\":{\"kid\":\"https://kv.vault.azure.net/keys/k/78deebed173b48e48f55abf87ed4cf71\"," +
-                       key + "},\"attributes\":{\"enabled\":true}";
-    return json + (tags.empty() ? "" : ",\"tags\":" + tags) + "}";
+    return "{\"key\":{\"kid\":\"https://kv.vault.azure.net/keys/k/78deebed173b48e48f55abf87ed4cf71\"," + key +
+           "},\"attributes\":{\"enabled\":true}" + (tags.empty() ? "" : ",\"tags\":" + tags) + "}";
 }
 const std::string kRsa = "\"kty\":\"RSA\",\"key_ops\":[\"encrypt\",\"decrypt\",\"sign\",\"verify\",\"wrapKey\","
                          "\"unwrapKey\"],\"n\":\"" + std::string(341, 'A') + "w\",\"e\":\"AQAB\"";
-std::string Ec(const char *kty, const char *crv, const char *ops, int coordChars)
+std::string Ec(const std::string &kty, const std::string &crv, const std::string &ops, int coordChars)
 {
     std::string coord(coordChars, 'A');
-    return std::string("\"kty\":\"") + kty + "\",\"key_ops\":[" + ops + "],\"crv\":\"" + crv + "\",\"x\":\"" + coord +
-           "\",\"y\":\"" + coord + "\"";
+    return "\"kty\":\"" + kty + "\",\"key_ops\":[" + ops + "],\"crv\":\"" + crv + "\",\"x\":\"" + coord + "\",\"y\":\"" +
+           coord + "\"";
 }
 
 struct ParsedKey : KVKey {
@@ -59,14 +52,14 @@ struct ParsedKey : KVKey {
 
 TEST_F(KeyNames, EncodingTableRoundTripsBothWays)
 {
-    for (const NameCase &c : kEncodingTable) {
+    for (const auto &[clearName, vaultName] : kEncodingTable) {
         WCHAR encoded[KVC_ENCODED_NAME_CHARS], clear[KVC_CLEAR_NAME_CHARS];
         DWORD fEncoded = 7, fDecoded = 7;
-        ASSERT_EQ(KVCConvertClearKeyNameToEncoded(c.clear.c_str(), encoded, &fEncoded), 1);
-        EXPECT_EQ(encoded, c.encoded);
-        ASSERT_EQ(KVCConvertEncodedKeyNameToClear(c.encoded.c_str(), clear, &fDecoded), 1);
-        EXPECT_EQ(clear, c.clear);
-        EXPECT_EQ(fEncoded, c.clear != c.encoded ? 1u : 0u);
+        ASSERT_EQ(KVCConvertClearKeyNameToEncoded(clearName.c_str(), encoded, &fEncoded), 1);
+        EXPECT_EQ(encoded, vaultName);
+        ASSERT_EQ(KVCConvertEncodedKeyNameToClear(vaultName.c_str(), clear, &fDecoded), 1);
+        EXPECT_EQ(clear, clearName);
+        EXPECT_EQ(fEncoded, clearName != vaultName ? 1u : 0u);
         EXPECT_EQ(fDecoded, fEncoded);
     }
 }
@@ -77,12 +70,13 @@ TEST_F(KeyNames, EveryNameUpTo42CharactersRoundTripsAndEncodedNamesAreLonger)
     for (int i = 0; i < 4000; ++i) {
         size_t len = 1 + rng() % 42;
         std::wstring name;
-        const bool vaultAlphabet = i % 4 == 0; // names that may be copied unchanged
-        for (size_t j = 0; j < len; ++j)
-            name += vaultAlphabet ? L"-0aZ9q"[rng() % 6] : static_cast<wchar_t>(1 + rng() % 65535);
+        for (size_t j = 0; j < len; ++j) // one in four from characters a vault name may copy unchanged
+            name += i % 4 == 0 ? L"-0aZ9q"[rng() % 6] : static_cast<wchar_t>(1 + rng() % 65535);
+        bool copyable = name[0] != L'-' && std::all_of(name.begin(), name.end(), [](wchar_t c) {
+                            return c == L'-' || (iswascii(c) && iswalnum(c));
+                        });
         WCHAR encoded[KVC_ENCODED_NAME_CHARS], clear[KVC_CLEAR_NAME_CHARS];
         DWORD fEncoded = 0;
-        bool copyable = name[0] != L'-' && std::all_of(name.begin(), name.end(), IsVaultChar);
         if (!KVCConvertClearKeyNameToEncoded(name.c_str(), encoded, &fEncoded)) {
             EXPECT_TRUE(copyable && len == 42) << i;
             continue;
@@ -106,28 +100,27 @@ TEST_F(KeyNames, EdgeNamesAreCopiedDecodedOrRefusedCleanly)
     EXPECT_EQ(KVCConvertClearKeyNameToEncoded(nullptr, out, nullptr), 0);
 
     const std::wstring fill(40, L'z');
-    struct { std::wstring vaultName; int result; std::wstring clear; } decodes[] = {
-        {L"-Az" + fill, 0, L""},                               // filler inside a group
+    const struct { std::wstring vaultName; int result; std::wstring clear; } decodes[] = {
+        {L"-Az" + fill, 0, L""}, // filler inside a group
         {L"-AAz" + fill, 0, L""},
-        {L"-P{A" + fill, 0, L""},                              // above "x": never a digit
-        {L"-PBy" + fill, 0, L""},                              // a "y": taken as clear, too long to copy
+        {L"-P{A" + fill, 0, L""}, // above "x": never a digit
+        {L"-PBy" + fill, 0, L""}, // a "y": taken as clear, too long to copy
         {std::wstring(42, L'a'), 0, L""},
         {std::wstring(43, L'a'), 0, L""},
-        {L"-PBAAAAPBA" + fill, 1, L"A"},                       // a zero value ends the name
+        {L"-PBAAAAPBA" + fill, 1, L"A"}, // a zero value ends the name
         {L"-PBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAPBAgA", 1, std::wstring(14, L'A') + L" "}, // cut by the end
     };
     for (const auto &d : decodes) {
         WCHAR clear[KVC_CLEAR_NAME_CHARS];
-        std::string shown = Narrow(d.vaultName);
-        EXPECT_EQ(KVCConvertEncodedKeyNameToClear(d.vaultName.c_str(), clear, nullptr), d.result) << shown;
-        EXPECT_EQ(clear, d.clear) << shown;
+        EXPECT_EQ(KVCConvertEncodedKeyNameToClear(d.vaultName.c_str(), clear, nullptr), d.result) << Narrow(d.vaultName);
+        EXPECT_EQ(clear, d.clear) << Narrow(d.vaultName);
     }
     EXPECT_TRUE(Logged("KVCConvertEncodedKeyNameToClear Name Too Long 1"));
 }
 
 TEST_F(KeyNames, ParsesVaultKeysAndDerivesTheCngAlgorithm)
 {
-    struct { std::string json; const wchar_t *algId; DWORD isEC, xSize; } cases[] = {
+    const struct { std::string json; const wchar_t *algId; DWORD isEC, xSize; } cases[] = {
         {Bundle(kRsa, "{\"AlgID\":\"ECDSA_P256\"}"), L"RSA", 0, 0},
         {Bundle(kRsa), L"", 0, 0},
         {Bundle(Ec("EC", "P-384", "\"sign\",\"verify\"", 64), "{\"purpose\":\"unit test\"}"), L"ECDSA_P384", 1, 48},
@@ -141,7 +134,7 @@ TEST_F(KeyNames, ParsesVaultKeysAndDerivesTheCngAlgorithm)
     };
     for (const auto &c : cases) {
         ParsedKey key;
-        ASSERT_EQ(KVCParseJSONKey(kEncodingTable[1].encoded.c_str(), c.json.c_str(), &key), 1);
+        ASSERT_EQ(KVCParseJSONKey(kEncodingTable[1].second.c_str(), c.json.c_str(), &key), 1);
         EXPECT_EQ(key.valid, 1u);
         EXPECT_STREQ(key.AlgID, c.algId) << c.json;
         EXPECT_EQ(key.isEC, c.isEC) << c.json;
@@ -170,13 +163,11 @@ TEST_F(KeyNames, OddBodiesAndArgumentsNeverFault)
     EXPECT_STREQ(key.clearName, L"InvalidName");
     EXPECT_TRUE(!key.kty && !key.n && key.AlgID[0] == 0);
 
-    const char *wrongTypes =
-        "{\"key\":{\"kid\":5,\"kty\":[\"RSA\"],\"n\":12,\"key_ops\":\"sign\",\"crv\":{}},\"tags\":[1]}";
+    const char *wrongTypes = "{\"key\":{\"kid\":5,\"kty\":[\"RSA\"],\"n\":12,\"key_ops\":\"sign\",\"crv\":{}},\"tags\":[1]}";
     ASSERT_EQ(KVCParseJSONKey(L"k", wrongTypes, &key), 1);
     EXPECT_TRUE(!key.kty && !key.n && !key.key_ops && !key.crv && key.version[0] == 0 && key.AlgID[0] == 0);
     ASSERT_EQ(KVCParseJSONKey(L"k", "{\"key\":\"RSA\",\"tags\":{}}", &key), 1);
     EXPECT_STREQ(key.AlgID, L"RSA");
-
     std::string longKid = "{\"key\":{\"kid\":\"https://kv/keys/k/" + std::string(200, '7') + "\"}}";
     ASSERT_EQ(KVCParseJSONKey(L"k", longKid.c_str(), &key), 1);
     EXPECT_EQ(std::wstring(key.version), std::wstring(128, L'7'));

@@ -1,5 +1,4 @@
-// A clean log folder and fresh logging settings per test; the event log is recorded through
-// its seam as (type, message) instead of reaching Windows.
+// A fresh log folder and logging settings per test; the event log is recorded through its seam.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +6,9 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -30,10 +32,9 @@ protected:
     void SetUp() override
     {
         ClearSettings(HKEY_LOCAL_MACHINE);
-        WCHAR szTemp[MAX_PATH];
-        GetTempPathW(MAX_PATH, szTemp);
-        dir_ = std::wstring(szTemp) + L"kestal-log-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-               std::to_wstring(GetTickCount64());
+        dir_ = (std::filesystem::temp_directory_path() / (L"kestal-log-" + std::to_wstring(GetCurrentProcessId()) +
+                                                          L"-" + std::to_wstring(GetTickCount64())))
+                   .wstring();
         CreateDirectoryW(dir_.c_str(), nullptr);
         SetSetting(HKEY_LOCAL_MACHINE, L"LogfilePath", dir_);
         g_events.clear();
@@ -46,8 +47,7 @@ protected:
         ClearSettings(HKEY_LOCAL_MACHINE);
         KspModuleAttach(); // no settings: logging off again
         KspModuleDetach();
-        _putenv_s("TZ", "");
-        _tzset();
+        SetTimeZone("");
     }
     // Reads the settings as a module load does.
     void Attach(DWORD loggingLevel, DWORD eventLevel)
@@ -56,8 +56,7 @@ protected:
         SetSettingDword(HKEY_LOCAL_MACHINE, L"EVLoggingLevel", eventLevel);
         KspModuleAttach();
     }
-    // Sets the CRT's time zone for this process (Wine's msvcrt honours TZ in _tzset).
-    static void SetTimeZone(const char *tz)
+    static void SetTimeZone(const char *tz) // Wine's msvcrt honours TZ in _tzset
     {
         _putenv_s("TZ", tz);
         _tzset();
@@ -65,15 +64,8 @@ protected:
     // The raw bytes of the log named after a UTC date such as L"2023-11-14".
     std::string ReadLog(const std::wstring &utcDate) const
     {
-        std::string text;
-        FILE *file = nullptr;
-        if (_wfopen_s(&file, (dir_ + L"\\" + utcDate + L"_KestalKeyVaultKSP.log").c_str(), L"rb") != 0)
-            return text;
-        char chunk[4096];
-        for (size_t n; (n = fread(chunk, 1, sizeof(chunk), file)) > 0;)
-            text.append(chunk, n);
-        fclose(file);
-        return text;
+        std::ifstream file(std::filesystem::path(dir_ + L"\\" + utcDate + L"_KestalKeyVaultKSP.log"), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), {});
     }
     std::wstring dir_;
 };
