@@ -57,7 +57,7 @@ struct Store {
     HCERTSTORE h = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"My");
     ~Store() { CertCloseStore(h, 0); }
 };
-// "container|provider|flags|provider type + key spec + parameter count"; "" when not in the store.
+// "container|provider|flags|dwProvType + dwKeySpec + cProvParam"; "" when not in the store.
 std::string Binding(const std::string &der)
 {
     std::string hash = Sha1(der);
