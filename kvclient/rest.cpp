@@ -19,16 +19,6 @@ bool Given(const WCHAR *psz) { return psz && *psz; }
 
 bool IsSuccess(DWORD status) { return status == 200 || status == 201 || status == 202 || status == 204; }
 
-// The JSON is trace output; converting it costs nothing when tracing is off.
-void TraceJson(const char *pszJson)
-{
-    if (KSP_LOG_TRACE > g_LogLevel)
-        return;
-    BldStr *pstrJson = pszJson ? BldStrNewStrFromAscii(pszJson) : nullptr;
-    LogMsg2(L"KVCDoKVRESTCall Good - JSON", pstrJson ? pstrJson->cStr : nullptr, KSP_LOG_TRACE);
-    BldStrFree(pstrJson);
-}
-
 } // namespace
 
 int KVCNewRequestId(WCHAR (&szId)[39])
@@ -89,7 +79,8 @@ int KVCDoKVRESTCall(KVC *kvc, DWORD, const WCHAR *pszPath, DWORD dwCollection, c
         resp->body = nullptr;
     }
     if (resp && IsSuccess(resp->status)) {
-        TraceJson(kvc->lastResponse);
+        // The answer itself is not logged: a decryption's holds the caller's plaintext.
+        LogMsg(L"KVCDoKVRESTCall Good - JSON", KSP_LOG_TRACE);
         result = 1;
     } else {
         LogMsgError(L"KVCDoKVRESTCall Failed - JSON", resp ? resp->lastError : ERROR_NOT_ENOUGH_MEMORY,
