@@ -56,6 +56,18 @@ HKEY OpenSettings(HKEY hive)
     return key;
 }
 
+std::string ReadText(const std::wstring &path)
+{
+    std::string text;
+    if (FILE *file = _wfopen(path.c_str(), L"rb")) {
+        char chunk[4096];
+        for (size_t n; (n = fread(chunk, 1, sizeof(chunk), file)) > 0;)
+            text.append(chunk, n);
+        fclose(file);
+    }
+    return text;
+}
+
 FakeTime *g_fakeTime = nullptr;
 void FakeSleep(DWORD ms)
 {
@@ -199,11 +211,6 @@ void Emulator::Reset() const
         throw std::runtime_error("the emulator did not reset");
 }
 
-Json Emulator::Requests(const std::wstring &service) const
-{
-    return ParseJson(Call(L"GET", L"/requests?service=" + service).body);
-}
-
 std::string SeenRequest::Header(std::string_view name) const
 {
     for (const auto &[n, value] : headers)
@@ -224,7 +231,7 @@ std::vector<std::string> SeenRequest::SentHeaders() const
 std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstring &service)
 {
     std::vector<SeenRequest> seen;
-    Json log = emulator.Requests(service);
+    Json log = ParseJson(emulator.Call(L"GET", L"/requests?service=" + service).body);
     for (size_t i = 0; i < json_object_array_length(log.get()); ++i) {
         json_object *entry = json_object_array_get_idx(log.get(), i);
         SeenRequest r{JsonString(entry, "method"), JsonString(entry, "url"), JsonString(entry, "host"),
@@ -260,23 +267,6 @@ KspRouter::~KspRouter()
         FreeLibrary(module_);
 }
 
-bool KspRouter::CheckTable(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, std::string *why)
-{
-    if (table->Version.MajorVersion != 1 || table->Version.MinorVersion != 0) {
-        *why = "function table version is not 1.0";
-        return false;
-    }
-    // The 26 entries follow the version, each one pointer wide.
-    auto entries = reinterpret_cast<void *const *>(&table->OpenProvider);
-    for (int slot = 0; slot < 26; ++slot) {
-        if (!entries[slot]) {
-            *why = "function table slot " + std::to_string(slot + 1) + " is empty";
-            return false;
-        }
-    }
-    return true;
-}
-
 std::unique_ptr<KspRouter> KspRouter::LoadDll(std::string *why)
 {
     using GetInterfaceFn = NTSTATUS(WINAPI *)(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **, DWORD);
@@ -297,8 +287,18 @@ std::unique_ptr<KspRouter> KspRouter::LoadDll(std::string *why)
         *why = "GetKeyStorageInterface failed with " + std::to_string(status);
         return nullptr;
     }
-    if (!CheckTable(router->table_, why))
+    if (router->table_->Version.MajorVersion != 1 || router->table_->Version.MinorVersion != 0) {
+        *why = "function table version is not 1.0";
         return nullptr;
+    }
+    // The 26 entries follow the version, each one pointer wide.
+    auto entries = reinterpret_cast<void *const *>(&router->table_->OpenProvider);
+    for (int slot = 0; slot < 26; ++slot) {
+        if (!entries[slot]) {
+            *why = "function table slot " + std::to_string(slot + 1) + " is empty";
+            return nullptr;
+        }
+    }
     return router;
 }
 
@@ -333,27 +333,13 @@ std::wstring GetSetting(HKEY hive, const wchar_t *name)
     return buffer;
 }
 
-std::wstring TodaysLogPath(const std::wstring &dir)
+std::string ReadTodaysLog(const std::wstring &dir)
 {
     SYSTEMTIME utc;
     GetSystemTime(&utc);
     wchar_t name[64];
     swprintf(name, ARRAYSIZE(name), L"\\%04d-%02d-%02d_KestalKeyVaultKSP.log", utc.wYear, utc.wMonth, utc.wDay);
-    return dir + name;
-}
-
-std::string ReadTodaysLog(const std::wstring &dir)
-{
-    std::string text;
-    FILE *file = _wfopen(TodaysLogPath(dir).c_str(), L"rb");
-    if (!file)
-        return text;
-    char chunk[4096];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), file)) > 0)
-        text.append(chunk, n);
-    fclose(file);
-    return text;
+    return ReadText(dir + name);
 }
 
 std::vector<std::string> LogMessages(const std::string &log)
@@ -374,15 +360,6 @@ std::vector<std::string> LogMessages(const std::string &log)
         start = end + 1;
     }
     return messages;
-}
-
-std::vector<std::string> MessagesStartingWith(const std::vector<std::string> &messages, std::string_view prefix)
-{
-    std::vector<std::string> found;
-    for (const auto &m : messages)
-        if (m.rfind(prefix, 0) == 0)
-            found.push_back(m);
-    return found;
 }
 
 FakeTime::FakeTime(__time64_t start) : now(start)
@@ -595,16 +572,13 @@ std::vector<std::string> VaultProviderTest::Log(std::string_view prefix) const
     }
     std::sort(files.begin(), files.end()); // named by date
     std::string text;
-    for (const std::wstring &file : files) {
-        FILE *f = _wfopen((logDir + L"\\" + file).c_str(), L"rb");
-        if (!f)
-            continue;
-        char chunk[4096];
-        for (size_t n; (n = fread(chunk, 1, sizeof(chunk), f)) > 0;)
-            text.append(chunk, n);
-        fclose(f);
-    }
-    return MessagesStartingWith(LogMessages(text), prefix);
+    for (const std::wstring &file : files)
+        text += ReadText(logDir + L"\\" + file);
+    std::vector<std::string> matching;
+    for (std::string &m : LogMessages(text))
+        if (m.rfind(prefix, 0) == 0)
+            matching.push_back(std::move(m));
+    return matching;
 }
 
 void VaultKeyTest::SetUp()

@@ -57,14 +57,12 @@ public:
     Emulator(); // from KESTAL_CONTROL_URL, set by the test world
     HttpResult Call(const std::wstring &method, const std::wstring &path, const std::string &json = "") const;
     void Reset() const;
-    // Requests seen by one service ("login", "vault", "imds", "arc"), oldest first.
-    Json Requests(const std::wstring &service) const;
 
 private:
     std::wstring base_;
 };
 
-// Requests one service saw, as the emulated Azure logged them.
+// Requests one service ("login", "vault", "imds", "arc") saw, oldest first.
 struct SeenRequest {
     std::string method, url, host, body;
     std::vector<std::pair<std::string, std::string>> headers; // raw order and case
@@ -93,8 +91,6 @@ public:
     // Loads KestalKeyVaultKSP.dll from the test executable's folder, resolves
     // GetKeyStorageInterface and checks the table; null with the reason on failure.
     static std::unique_ptr<KspRouter> LoadDll(std::string *why);
-    // Version 1.0 and all 26 entries set.
-    static bool CheckTable(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, std::string *why);
 
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp() const { return *table_; }
 
@@ -110,12 +106,9 @@ void SetSettingDword(HKEY hive, const wchar_t *name, DWORD value);
 std::wstring GetSetting(HKEY hive, const wchar_t *name); // "" when absent or not REG_SZ
 
 // ---- The daily log file -----------------------------------------------------------------
-std::wstring TodaysLogPath(const std::wstring &dir); // named after today's UTC date
-std::string ReadTodaysLog(const std::wstring &dir);
+std::string ReadTodaysLog(const std::wstring &dir); // the file named after today's UTC date
 // The "message level" part of every line of a log text, in order.
 std::vector<std::string> LogMessages(const std::string &log);
-// The messages that begin with prefix.
-std::vector<std::string> MessagesStartingWith(const std::vector<std::string> &messages, std::string_view prefix);
 
 // ---- Time: replaces the core's sleep and clock for the life of the object -------------
 class FakeTime {
