@@ -581,6 +581,13 @@ std::vector<std::string> VaultProviderTest::Log(std::string_view prefix) const
     return matching;
 }
 
+KVC *VaultProviderTest::SignedInMachineClient()
+{
+    KVC *kvc = KspProviderFromHandle(OpenProvider(Via::Core))->kvcMachine;
+    EXPECT_EQ(KVCAuthenticate(kvc, nullptr), 1);
+    return kvc;
+}
+
 void VaultKeyTest::SetUp()
 {
     VaultProviderTest::SetUp();

@@ -168,6 +168,8 @@ protected:
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &Ksp(Via via = Via::Dll);
     // 0 and the handle, or a failed expectation and 0.
     NCRYPT_PROV_HANDLE OpenProvider(Via via = Via::Dll);
+    // The signed-in machine client of a core provider opened on the settings already written.
+    KVC *SignedInMachineClient();
     // The messages ("text level") of every log file in the folder, oldest file first, that
     // begin with prefix.
     std::vector<std::string> Log(std::string_view prefix = "") const;

@@ -124,8 +124,7 @@ protected:
     {
         VaultProviderTest::SetUp();
         UseVault(HKEY_LOCAL_MACHINE, L"kestaltest", 0);
-        kvc = KspProviderFromHandle(OpenProvider(Via::Core))->kvcMachine;
-        ASSERT_EQ(KVCAuthenticate(kvc, nullptr), 1);
+        kvc = SignedInMachineClient();
     }
     // Wine 8 reports a deletion from a system store as done but never writes it back, so the
     // certificates are removed where the store keeps them: one registry key per SHA-1.

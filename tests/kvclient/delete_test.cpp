@@ -15,9 +15,7 @@ protected:
     {
         UseVault(HKEY_LOCAL_MACHINE, L"kestaltest", certificatesOrKeys);
         SetSettingDword(HKEY_LOCAL_MACHINE, L"DoDeletePurge", doDeletePurge);
-        KVC *kvc = KspProviderFromHandle(OpenProvider(Via::Core))->kvcMachine;
-        EXPECT_EQ(KVCAuthenticate(kvc, nullptr), 1);
-        return kvc;
+        return SignedInMachineClient();
     }
     void Vault(const std::string &settings) { emulator.Call(L"PUT", L"/vaults/kestaltest", settings); }
     // "METHOD url" of every vault request since the last call.

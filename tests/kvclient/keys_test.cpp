@@ -17,8 +17,7 @@ protected:
     {
         VaultProviderTest::SetUp();
         UseVault(HKEY_LOCAL_MACHINE, L"kestaltest");
-        kvc = KspProviderFromHandle(OpenProvider(Via::Core))->kvcMachine;
-        ASSERT_EQ(KVCAuthenticate(kvc, nullptr), 1);
+        kvc = SignedInMachineClient();
     }
     std::vector<std::wstring> Take() // the names listed, released
     {
