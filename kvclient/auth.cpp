@@ -119,13 +119,12 @@ char *NewClientCredentialsBody(KVC *kvc, const WCHAR *pszResource)
 
 // ---- Token answers ------------------------------------------------------------------------
 
-void ReplaceField(BldStr **ppField, const char *pszValue, bool fSecret)
+// The old token is zeroed by BldStrFree as it goes.
+void ReplaceField(BldStr **ppField, const char *pszValue)
 {
     BldStr *pstrNew = BldStrNewStrFromAscii(pszValue);
     if (!pstrNew)
         return;
-    if (fSecret && *ppField && (*ppField)->cStr)
-        SecureZeroMemory((*ppField)->cStr, (*ppField)->capacity);
     BldStrFree(*ppField);
     *ppField = pstrNew;
 }
@@ -137,9 +136,9 @@ int TakeToken(KVC *kvc, const char *pszBody)
     const char *pszType = KVCJsonGetString(doc.get(), "token_type");
     const char *pszToken = KVCJsonGetString(doc.get(), "access_token");
     if (pszType)
-        ReplaceField(&kvc->tokenType, pszType, false);
+        ReplaceField(&kvc->tokenType, pszType);
     if (pszToken)
-        ReplaceField(&kvc->accessToken, pszToken, true);
+        ReplaceField(&kvc->accessToken, pszToken);
     return pszType || pszToken ? 1 : 0;
 }
 

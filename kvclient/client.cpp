@@ -70,15 +70,6 @@ BldStr *CopyOrAbsent(const WCHAR *psz)
     return psz ? BldStrNewStr(psz) : nullptr;
 }
 
-// For records that may hold a secret: zero the characters before the buffer goes back.
-void WipeAndFree(BldStr **ppstr)
-{
-    if (*ppstr && (*ppstr)->cStr)
-        SecureZeroMemory((*ppstr)->cStr, (*ppstr)->capacity);
-    BldStrFree(*ppstr);
-    *ppstr = nullptr;
-}
-
 void FreeField(BldStr **ppstr)
 {
     BldStrFree(*ppstr);
@@ -147,8 +138,8 @@ void KVCDelete(KVC *kvc)
     if (!kvc)
         return;
     LogMsg(L"KVCDelete", KSP_LOG_STEP);
-    WipeAndFree(&kvc->clientSecret);
-    WipeAndFree(&kvc->accessToken);
+    FreeField(&kvc->clientSecret); // BldStrFree zeroes it first
+    FreeField(&kvc->accessToken);
     FreeField(&kvc->tokenType);
     FreeField(&kvc->loginUrl);
     FreeField(&kvc->resource);

@@ -38,7 +38,8 @@ int KVCDoKVRESTCall(KVC *kvc, DWORD, const WCHAR *pszPath, DWORD dwCollection, c
                     ERROR_INVALID_PARAMETER, KSP_LOG_TRACE);
         return 0;
     }
-    free(kvc->lastResponse);
+    // The previous answer may be a decryption's plaintext.
+    KVCWipeFreeBytes(kvc->lastResponse);
     kvc->lastResponse = nullptr;
 
     if (!pszApiVersion) {

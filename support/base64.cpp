@@ -56,8 +56,7 @@ int BldBinFromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut)
             break;
     }
     int result = CryptStringToBinaryW(pstr->cStr, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
-    SecureZeroMemory(pstr->cStr, pstr->capacity); // the text may be a token or protected secret
-    BldStrFree(pstr);
+    BldStrFree(pstr); // zeroes the text: it may be a token or a protected secret
     return result;
 }
 

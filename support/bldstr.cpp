@@ -10,7 +10,9 @@
 namespace {
 
 // The one growth rule: exactly (length + added) * 2 + 2 bytes, no slack. Callers build
-// strings a piece at a time, so memory stays tight at the cost of a realloc per append.
+// strings a piece at a time, so memory stays tight at the cost of a new block per append. The
+// block is moved by hand rather than by realloc so that the old one (a token, a secret, a header
+// block) is zeroed before it goes back.
 int BldStrAppend(BldStr *pstr, const WCHAR *pszAdd, DWORD cchAdd)
 {
     if (cchAdd > (MAXDWORD - 2) / 2 - pstr->length) {
@@ -18,20 +20,28 @@ int BldStrAppend(BldStr *pstr, const WCHAR *pszAdd, DWORD cchAdd)
         return 0;
     }
     DWORD cbNeeded = (pstr->length + cchAdd) * 2 + 2;
+    WCHAR *pOld = nullptr;
+    DWORD cbOld = pstr->capacity;
     if (cbNeeded > pstr->capacity) {
-        WCHAR *pNew = static_cast<WCHAR *>(realloc(pstr->cStr, cbNeeded));
+        WCHAR *pNew = static_cast<WCHAR *>(calloc(cbNeeded, 1));
         if (!pNew) {
             LogMsg(L"BldStrFree BldStrCat realloc returned NULL", KSP_LOG_FAILURE);
             return 0;
         }
+        memcpy(pNew, pstr->cStr, pstr->length * sizeof(WCHAR));
+        pOld = pstr->cStr;
         pstr->cStr = pNew;
         pstr->capacity = cbNeeded;
     }
-    // One by one: the text may lie inside the string's own buffer (BldStrReplace with itself).
+    // One by one: the text may lie inside the string's own (old) buffer, so that buffer goes last.
     for (DWORD i = 0; i < cchAdd; i++)
         pstr->cStr[pstr->length + i] = pszAdd[i];
     pstr->length += cchAdd;
     pstr->cStr[pstr->length] = 0;
+    if (pOld) {
+        SecureZeroMemory(pOld, cbOld);
+        free(pOld);
+    }
     return 1;
 }
 
@@ -167,6 +177,9 @@ void BldStrFree(BldStr *pstr)
 {
     if (!pstr)
         return;
+    // Strings carry tokens, client secrets and request headers: none is left behind in freed memory.
+    if (pstr->cStr)
+        SecureZeroMemory(pstr->cStr, pstr->capacity);
     free(pstr->cStr);
     pstr->cStr = nullptr;
     pstr->capacity = 0;
