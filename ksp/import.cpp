@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr DWORD kHttpOk = 200;
 constexpr DWORD kImportFlags = NCRYPT_DO_NOT_FINALIZE_FLAG | NCRYPT_OVERWRITE_KEY_FLAG | NCRYPT_SILENT_FLAG;
 
 enum class BlobKind { Public, Private, RsaPrivate, RsaFullPrivate, Unsupported };
@@ -228,22 +227,13 @@ SECURITY_STATUS KspImportPrivateKeyToVault(KSP_KEY *pKey)
         return NTE_INTERNAL_ERROR;
     }
 
-    KVC *kvc = pKey->kvc;
-    KVC_THROTTLE throttle = {L"KspImportPrivateKeyToVault ActionThrottled", 1000, 16000, TRUE};
-    do {
-        kvc->lastStatus = 0;
-        KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_KEYS, szEncoded, L"PUT", nullptr, pszBody, L"7.0");
-    } while (KVCThrottleWait(&throttle, kvc->lastStatus));
+    const int imported = KVCImportKey(pKey->kvc, szEncoded, pszBody, &pKey->kvKey);
     SecureZeroMemory(pszBody, cchBody);
     free(pszBody);
-    if (kvc->lastStatus != kHttpOk) {
-        LogMsgError(L"KspImportPrivateKeyToVault Failed", kvc->lastStatus, KSP_LOG_FAILURE);
+    if (!imported)
         return NTE_INTERNAL_ERROR;
-    }
 
     // The key now lives in the vault like any other: nothing of it stays here.
-    KVCFreeKVKey(&pKey->kvKey);
-    KVCParseJSONKey(szEncoded, kvc->lastResponse, &pKey->kvKey);
     SecureZeroMemory(pKey->pbPrivateKey, static_cast<SIZE_T>(pKey->cbPrivateKey));
     KspFree(pKey->pbPrivateKey);
     pKey->pbPrivateKey = nullptr;

@@ -13,9 +13,12 @@
 
 namespace {
 
-// A token is used for a fixed hour from the moment it was asked for; the answer's own
-// lifetime is not read.
+// A token is used for at most an hour from the moment it was asked for, and never past the
+// lifetime its answer states, less a margin: the metadata service and the Arc agent hand out
+// cached tokens with whatever life they have left, and a token must not expire mid-request.
+// The margin is a minute, but at most half the lifetime, so a short-lived token is still used.
 constexpr __time64_t kTokenReuseSeconds = 3600;
+constexpr __time64_t kTokenMarginSeconds = 60;
 
 constexpr DWORD kAuthnManagedIdentity = 1;
 constexpr DWORD kAuthnClientSecret = 2;
@@ -119,32 +122,74 @@ char *NewClientCredentialsBody(KVC *kvc, const WCHAR *pszResource)
 
 // ---- Token answers ------------------------------------------------------------------------
 
-// The old token is zeroed by BldStrFree as it goes.
-void ReplaceField(BldStr **ppField, const char *pszValue)
+// A token as one sign-in answered it, before it is handed to the client. The texts are wiped
+// by BldStrFree when a fresh token is not used.
+struct FRESH_TOKEN {
+    BldStr *tokenType;
+    BldStr *accessToken;
+    __time64_t lifetime; // seconds the token may be used from the moment it was asked for
+};
+
+void FreeFreshToken(FRESH_TOKEN *pToken)
 {
-    BldStr *pstrNew = BldStrNewStrFromAscii(pszValue);
-    if (!pstrNew)
-        return;
-    BldStrFree(*ppField);
-    *ppField = pstrNew;
+    BldStrFree(pToken->tokenType);
+    BldStrFree(pToken->accessToken);
+    *pToken = {};
 }
 
-// Takes "token_type" and "access_token" from a 200 answer; either one counts as a token.
-int TakeToken(KVC *kvc, const char *pszBody)
+// A member that is a whole number, sent as a number (Entra ID v2) or as decimal text (v1, the
+// metadata service, Arc); -1 when absent or not a number.
+long long WholeNumber(json_object *doc, const char *pszMember)
+{
+    json_object *value = KVCJsonMember(doc, pszMember, json_type_int);
+    if (value)
+        return json_object_get_int64(value);
+    const char *pszText = KVCJsonGetString(doc, pszMember);
+    if (!pszText || !*pszText)
+        return -1;
+    long long n = 0;
+    for (const char *p = pszText; *p; ++p) {
+        if (*p < '0' || *p > '9' || n > 1000000000000LL)
+            return -1;
+        n = n * 10 + (*p - '0');
+    }
+    return n;
+}
+
+// How long the answer says the token lives ("expires_in", else "expires_on" against now), less
+// the margin, within the hour; the hour when it says nothing usable.
+__time64_t UsableLifetime(json_object *doc, __time64_t now)
+{
+    long long seconds = WholeNumber(doc, "expires_in");
+    if (seconds < 0) {
+        const long long expiresOn = WholeNumber(doc, "expires_on");
+        seconds = expiresOn < 0 ? -1 : (expiresOn > now ? expiresOn - now : 0);
+    }
+    if (seconds < 0 || seconds > kTokenReuseSeconds + kTokenMarginSeconds)
+        return kTokenReuseSeconds;
+    const long long margin = seconds / 2 < kTokenMarginSeconds ? seconds / 2 : kTokenMarginSeconds;
+    return static_cast<__time64_t>(seconds - margin);
+}
+
+// Takes "token_type", "access_token" and the lifetime from a 200 answer; either text counts as
+// a token.
+int TakeToken(FRESH_TOKEN *pToken, const char *pszBody, __time64_t now)
 {
     KVCJsonDoc doc = KVCJsonParse(pszBody);
     const char *pszType = KVCJsonGetString(doc.get(), "token_type");
     const char *pszToken = KVCJsonGetString(doc.get(), "access_token");
-    if (pszType)
-        ReplaceField(&kvc->tokenType, pszType);
-    if (pszToken)
-        ReplaceField(&kvc->accessToken, pszToken);
-    return pszType || pszToken ? 1 : 0;
+    if (!pszType && !pszToken)
+        return 0;
+    FreeFreshToken(pToken);
+    pToken->tokenType = BldStrNewStrFromAscii(pszType ? pszType : "");
+    pToken->accessToken = BldStrNewStrFromAscii(pszToken ? pszToken : "");
+    pToken->lifetime = UsableLifetime(doc.get(), now);
+    return pToken->tokenType && pToken->accessToken ? 1 : 0;
 }
 
 // ---- Client secret --------------------------------------------------------------------------
 
-int ClientSecretToken(KVC *kvc, const WCHAR *pszResource)
+int ClientSecretToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken, __time64_t now)
 {
     LogMsg2(L"KVCAuthenticate KVCKeyCert", TextOf(kvc->kvName), KSP_LOG_STEP);
     KVCGetLoginUrl(kvc);
@@ -181,7 +226,7 @@ int ClientSecretToken(KVC *kvc, const WCHAR *pszResource)
     if (!resp || resp->status != 200)
         LogMsgError(L"KVCAuthenticate KVCDoWebCall failure", 1, KSP_LOG_FAILURE);
     else
-        got = TakeToken(kvc, resp->body);
+        got = TakeToken(pToken, resp->body, now);
 
     KVCFreeWebResponse(resp);
     KVCWipeFreeBytes(pszBody);
@@ -222,7 +267,7 @@ void LogReturnCode(const KVC_WEB_RESPONSE *resp, const WCHAR *pszHost)
         LogMsgAscii(L"KVCAuthenticate MSIAuthenticate failure - Return String", resp->body);
 }
 
-int ManagedIdentityToken(KVC *kvc, const WCHAR *pszResource)
+int ManagedIdentityToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken, __time64_t now)
 {
     WCHAR szHost[256] = {};
     wcscpy_s(szHost, kImdsHost);
@@ -270,7 +315,7 @@ int ManagedIdentityToken(KVC *kvc, const WCHAR *pszResource)
         }
         bool fDone = true;
         if (resp->status == 200) {
-            got = TakeToken(kvc, resp->body);
+            got = TakeToken(pToken, resp->body, now);
         } else if (wPort == kArcPort && resp->headers && !fChallengeAnswered) {
             LogMsg(L"KVCAuthenticate MSIAuthenticate Arc Retry", KSP_LOG_STEP);
             fDone = false; // an unreadable challenge is asked again
@@ -360,29 +405,96 @@ WCHAR *KVCArcRealmPath(const WCHAR *pszHeaders)
     return pszPath;
 }
 
+namespace {
+
+// Asks for a token with no lock held: the request may take minutes (an Arc agent starting up).
+int FetchToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken, __time64_t now)
+{
+    int got = 0;
+    if (kvc->authn & kAuthnClientSecret)
+        got = ClientSecretToken(kvc, pszResource, pToken, now);
+    if (!got && (kvc->authn & kAuthnManagedIdentity))
+        got = ManagedIdentityToken(kvc, pszResource, pToken, now);
+    return got;
+}
+
+// Hands a fresh token to the client. Called with the lock held exclusively; the old texts are
+// wiped as they go, and no request still uses them (requests copy the token under the lock).
+void InstallToken(KVC *kvc, FRESH_TOKEN *pToken, __time64_t now, const WCHAR *pszResource)
+{
+    BldStrFree(kvc->tokenType);
+    BldStrFree(kvc->accessToken);
+    kvc->tokenType = pToken->tokenType;
+    kvc->accessToken = pToken->accessToken;
+    kvc->tokenExpiry = now + pToken->lifetime;
+    kvc->tokenGeneration++;
+    *pToken = {};
+    if (!pszResource)
+        ResolveIdentityVault(kvc);
+}
+
+void LogVaultName(const WCHAR *pszMessage, KVC *kvc, int level)
+{
+    AcquireSRWLockShared(&kvc->tokenLock);
+    WCHAR szName[64] = {};
+    if (kvc->kvName && kvc->kvName->cStr)
+        wcsncpy_s(szName, kvc->kvName->cStr, _TRUNCATE);
+    ReleaseSRWLockShared(&kvc->tokenLock);
+    LogMsg2(pszMessage, szName, level);
+}
+
+} // namespace
+
 int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource)
 {
-    LogMsg2(L"KVCAuthenticate", kvc ? TextOf(kvc->kvName) : nullptr, KSP_LOG_STEP);
     if (!kvc) {
+        LogMsg2(L"KVCAuthenticate", nullptr, KSP_LOG_STEP);
         LogMsg2(L"KVCAuthenticate Logon failure", nullptr, KSP_LOG_FAILURE);
         return 0;
     }
-    // Taken before any request, so that a slow answer does not stretch the hour.
-    __time64_t now = KspTime();
-    if (kvc->tokenExpiry > now)
-        return 1;
+    LogVaultName(L"KVCAuthenticate", kvc, KSP_LOG_STEP);
+    // Taken before any request, so that a slow answer does not stretch the token's life.
+    const __time64_t now = KspTime();
 
-    int got = 0;
-    if (kvc->authn & kAuthnClientSecret)
-        got = ClientSecretToken(kvc, pszResource);
-    if (!got && (kvc->authn & kAuthnManagedIdentity))
-        got = ManagedIdentityToken(kvc, pszResource);
-    if (!got) {
-        LogMsg2(L"KVCAuthenticate Logon failure", TextOf(kvc->kvName), KSP_LOG_FAILURE);
-        return 0;
+    AcquireSRWLockExclusive(&kvc->tokenLock);
+    const DWORD renewalsSeen = kvc->renewals;
+    while (kvc->fRenewing)
+        SleepConditionVariableSRW(&kvc->tokenRenewed, &kvc->tokenLock, INFINITE, 0);
+    const bool fHeld = kvc->accessToken && kvc->tokenExpiry > now;
+    // Another thread's renewal answered while this one waited: its answer is this one's too,
+    // so a sign-in that fails is not repeated by every waiting thread in turn.
+    if (fHeld || kvc->renewals != renewalsSeen) {
+        ReleaseSRWLockExclusive(&kvc->tokenLock);
+        if (!fHeld)
+            LogVaultName(L"KVCAuthenticate Logon failure", kvc, KSP_LOG_FAILURE);
+        return fHeld ? 1 : 0;
     }
-    kvc->tokenExpiry = now + kTokenReuseSeconds;
-    if (!pszResource)
-        ResolveIdentityVault(kvc);
-    return 1;
+    kvc->fRenewing = 1;
+    ReleaseSRWLockExclusive(&kvc->tokenLock);
+
+    FRESH_TOKEN fresh = {};
+    const int got = FetchToken(kvc, pszResource, &fresh, now);
+
+    AcquireSRWLockExclusive(&kvc->tokenLock);
+    if (got)
+        InstallToken(kvc, &fresh, now, pszResource);
+    kvc->fRenewing = 0;
+    kvc->renewals++;
+    ReleaseSRWLockExclusive(&kvc->tokenLock);
+    WakeAllConditionVariable(&kvc->tokenRenewed);
+    FreeFreshToken(&fresh);
+
+    if (!got)
+        LogVaultName(L"KVCAuthenticate Logon failure", kvc, KSP_LOG_FAILURE);
+    return got;
+}
+
+void KVCDropToken(KVC *kvc, DWORD dwTokenGeneration)
+{
+    if (!kvc)
+        return;
+    AcquireSRWLockExclusive(&kvc->tokenLock);
+    if (kvc->tokenGeneration == dwTokenGeneration)
+        kvc->tokenExpiry = 0;
+    ReleaseSRWLockExclusive(&kvc->tokenLock);
 }

@@ -156,27 +156,25 @@ BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCo
     }
 
     CertEntries entries;
+    ScopedAnswer answer;
+    // A persisting 429 ends the listing with what the earlier pages gave.
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetCerts ActionThrottled", FALSE);
     WCHAR *pszNextLink = nullptr;
     do {
-        // A persisting 429 ends the listing with what the earlier pages gave.
-        KVC_THROTTLE throttle = {L"KVCGetCerts ActionThrottled", 1000, 16000, FALSE};
-        do {
-            kvc->lastStatus = 0;
-            if (!KVCDoKVRESTCall(kvc, 0, pszNextLink, KVC_COLLECTION_CERTIFICATES, nullptr, L"GET", nullptr, nullptr,
-                                 nullptr))
-                LogMsgError(L"KVCGetCerts REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
-            if (kvc->lastStatus != kHttpOk && kvc->lastStatus != kHttpTooManyRequests) {
-                LogMsgError(L"KVCGetCerts REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
-                free(pszNextLink);
-                return FALSE;
-            }
-        } while (KVCThrottleWait(&throttle, kvc->lastStatus));
-
+        DWORD dwWaitMs = policy.dwFirstWaitMs;
+        const KVC_REQUEST request = {pszNextLink, KVC_COLLECTION_CERTIFICATES, nullptr, L"GET",
+                                     nullptr,     nullptr,                     nullptr};
+        KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer);
+        if (answer.status != kHttpOk && answer.status != kHttpTooManyRequests) {
+            LogMsgError(L"KVCGetCerts REST Call Error", answer.status, KSP_LOG_FAILURE);
+            free(pszNextLink);
+            return FALSE;
+        }
         free(pszNextLink);
         pszNextLink = nullptr;
-        if (!kvc->lastResponse)
+        if (!answer.body)
             break;
-        ReadPage(kvc->lastResponse, &entries, &pszNextLink);
+        ReadPage(answer.body, &entries, &pszNextLink);
     } while (pszNextLink);
 
     LogMsg(L"KVCGetCerts found sizes OK", KSP_LOG_STEP);
@@ -192,7 +190,7 @@ BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCo
     *ppNames = names;
     *ppThumbprints = thumbprints;
     LogMsg(L"KVCGetCerts Complete", KSP_LOG_STEP);
-    return kvc->lastStatus == kHttpOk;
+    return answer.status == kHttpOk;
 }
 
 BOOL KVCGetCert(KVC *kvc, const WCHAR *pszCertName, DATA_BLOB *pBlob)
@@ -209,17 +207,17 @@ BOOL KVCGetCert(KVC *kvc, const WCHAR *pszCertName, DATA_BLOB *pBlob)
 
     DWORD dwCollection = kvc->fCertMode ? KVC_COLLECTION_CERTIFICATES : KVC_COLLECTION_KEYS;
     // After five 429 answers the last body is read anyway: it holds no certificate.
-    KVC_THROTTLE throttle = {L"KVCGetCert ActionThrottled", 1000, 16000, FALSE};
-    do {
-        kvc->lastStatus = 0;
-        KVCDoKVRESTCall(kvc, 0, nullptr, dwCollection, pszCertName, L"GET", nullptr, nullptr, nullptr);
-        if (kvc->lastStatus != kHttpOk && kvc->lastStatus != kHttpTooManyRequests) {
-            LogMsgError(L"KVCGetCert REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
-            return FALSE;
-        }
-    } while (KVCThrottleWait(&throttle, kvc->lastStatus));
+    ScopedAnswer answer;
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetCert ActionThrottled", FALSE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
+    const KVC_REQUEST request = {nullptr, dwCollection, pszCertName, L"GET", nullptr, nullptr, nullptr};
+    KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer);
+    if (answer.status != kHttpOk && answer.status != kHttpTooManyRequests) {
+        LogMsgError(L"KVCGetCert REST Call Error", answer.status, KSP_LOG_FAILURE);
+        return FALSE;
+    }
 
-    KVCJsonDoc doc = KVCJsonParse(kvc->lastResponse);
+    KVCJsonDoc doc = KVCJsonParse(answer.body);
     if (!doc)
         return FALSE;
     // A bundle that carries the exportable form ("value") as well as the DER ("cer") is read

@@ -92,6 +92,8 @@ KVC *KVCNew(const WCHAR *pszKVNamePattern, DWORD authn, const WCHAR *pszTenantId
         LogMsg(L"KVCNew failed to allocate KVC", KSP_LOG_FAILURE);
         return nullptr;
     }
+    InitializeSRWLock(&kvc->tokenLock);
+    InitializeConditionVariable(&kvc->tokenRenewed);
     kvc->fMachine = fMachine;
     kvc->fPurge = fPurge;
     kvc->fCertMode = fCertMode;
@@ -147,11 +149,6 @@ void KVCDelete(KVC *kvc)
     FreeField(&kvc->tenantId);
     FreeField(&kvc->clientId);
     FreeField(&kvc->clientCertId);
-    if (kvc->lastResponse) {
-        SecureZeroMemory(kvc->lastResponse, strlen(kvc->lastResponse));
-        free(kvc->lastResponse);
-        kvc->lastResponse = nullptr;
-    }
     SecureZeroMemory(kvc, sizeof(*kvc));
     free(kvc);
 }

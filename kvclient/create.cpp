@@ -16,8 +16,6 @@ constexpr DWORD kHttpBadRequest = 400;
 constexpr DWORD kHttpForbidden = 403;
 constexpr DWORD kHttpGone = 410;
 constexpr DWORD kHttpTooManyRequests = 429;
-constexpr DWORD kFirstWaitMs = 1000;
-constexpr DWORD kLastWaitMs = 16000;
 
 using NarrowText = std::unique_ptr<char, FreeDelete>;
 
@@ -111,23 +109,23 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
     // doubles it, and the request is repeated only while the doubled wait is within 16 s: a
     // throttling storm gets five calls and five sleeps (1..16 s), the last sleep wasted. A 403
     // to the HSM request repeats at once as a software request, under the same bound.
-    KVC_THROTTLE throttle = {L"KVCLowLevelCreateKey ActionThrottled", kFirstWaitMs, kLastWaitMs, FALSE};
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCLowLevelCreateKey ActionThrottled", FALSE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
+    ScopedAnswer answer;
     for (;;) {
         NarrowText body(PlainKeyBody(type, fHsm, dwKeyBitLength, pszAlgorithm, pszClearName));
-        kvc->lastStatus = 0; // a body that could not be built must not be judged by a stale status
-        if (body && !KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_KEYS, pszEncodedName, L"POST", L"create",
-                                     body.get(), L"7.0"))
-            LogMsgError(L"KVCLowLevelCreateKey REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
-        const DWORD status = kvc->lastStatus;
-        if (status == kHttpTooManyRequests) {
-            if (KVCThrottleWait(&throttle, status))
-                continue;
+        const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, pszEncodedName, L"POST", L"create",
+                                     body.get(), L"7.0"};
+        KVCFreeAnswer(&answer); // a body that could not be built must not be judged by a stale answer
+        if (body && !KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer))
+            LogMsgError(L"KVCLowLevelCreateKey REST Call Error", answer.status, KSP_LOG_FAILURE);
+        const DWORD status = answer.status;
+        if (status == kHttpTooManyRequests)
             break; // the throttled answer is read below: deliberately 1 with an empty record
-        }
         if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {
             LogMsgError(L"KVCLowLevelCreateKey HSM Key Failed - retry with software key", status, KSP_LOG_WARNING);
             fHsm = false;
-            if (status == kHttpForbidden && throttle.dwWaitMs <= throttle.dwMaxWaitMs)
+            if (status == kHttpForbidden && dwWaitMs <= policy.dwThrottleMaxWaitMs)
                 continue;
             // Only a 403 earns the software request; the error body of any other refusal is
             // read below, deliberately giving 1 with an empty record.
@@ -138,5 +136,22 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
         LogMsgError(L"KVCLowLevelCreateKey Failed", status, KSP_LOG_FAILURE);
         return 0;
     }
-    return KVCParseJSONKey(pszEncodedName, kvc->lastResponse, pKey);
+    return KVCParseJSONKey(pszEncodedName, answer.body, pKey);
+}
+
+int KVCImportKey(KVC *kvc, const WCHAR *pszEncodedName, const char *pszBody, KVKey *pKey)
+{
+    if (!kvc || !pszEncodedName || !pszBody || !pKey)
+        return 0;
+    ScopedAnswer answer;
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KspImportPrivateKeyToVault ActionThrottled", TRUE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
+    const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, pszEncodedName, L"PUT", nullptr, pszBody, L"7.0"};
+    if (!KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) || answer.status != kHttpOk) {
+        LogMsgError(L"KspImportPrivateKeyToVault Failed", answer.status, KSP_LOG_FAILURE);
+        return 0;
+    }
+    KVCFreeKVKey(pKey);
+    KVCParseJSONKey(pszEncodedName, answer.body, pKey);
+    return 1;
 }

@@ -27,8 +27,6 @@ constexpr DWORD kHttpAccepted = 202;
 constexpr DWORD kHttpBadRequest = 400;
 constexpr DWORD kHttpForbidden = 403;
 constexpr DWORD kHttpGone = 410;
-constexpr DWORD kFirstWaitMs = 1000;
-constexpr DWORD kLastWaitMs = 16000;
 constexpr DWORD kThrowAwayKeyBits = 2048;
 constexpr __time64_t kTenMinutes = 600;
 constexpr __time64_t kFiftyYears = 18262LL * 24 * 3600; // the policy's 600 months
@@ -105,33 +103,33 @@ void LogNarrow(const WCHAR *pszMessage, const char *pszText, int level)
 
 // Creates the pending certificate: 1 once the vault answered 202.
 int CreatePending(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName, const WCHAR *pszAlgorithm,
-                  DWORD dwKeyBitLength, bool fExportable, bool fReuseKey)
+                  DWORD dwKeyBitLength, bool fExportable, bool fReuseKey, KVC_ANSWER *pAnswer)
 {
     const KVC_KEY_TYPE type = KVCKeyTypeFromAlgorithm(pszAlgorithm);
     bool fHsm = true;
     // One wait counter for throttling and the HSM fallback. A 429 is waited out while the wait
     // about to be taken is within 16 s (six calls, sleeps of 1..16 s, none wasted); the software
     // request after an HSM refusal goes at once, under the same bound.
-    KVC_THROTTLE throttle = {L"KVCLowLevelCreateKeyCertificate ActionThrottled", kFirstWaitMs, kLastWaitMs, TRUE};
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCLowLevelCreateKeyCertificate ActionThrottled", TRUE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
     for (;;) {
         CallocPtr<char> body(
             CertificateBody(type, fHsm, dwKeyBitLength, fExportable, fReuseKey, pszAlgorithm, pszClearName));
-        kvc->lastStatus = 0;
+        const KVC_REQUEST request = {nullptr, KVC_COLLECTION_CERTIFICATES, pszEncodedName, L"POST", L"create",
+                                     body.get(), L"7.0"};
+        KVCFreeAnswer(pAnswer);
         if (body)
-            KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_CERTIFICATES, pszEncodedName, L"POST", L"create",
-                            body.get(), L"7.0");
-        const DWORD status = kvc->lastStatus;
+            KVCVaultCall(kvc, &request, &policy, &dwWaitMs, pAnswer);
+        const DWORD status = pAnswer->status;
         if (status == kHttpAccepted)
             return 1;
-        if (KVCThrottleWait(&throttle, status))
-            continue;
         if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {
-            LogNarrow(L"KVCLowLevelCreateKeyCertificate HSM Key Failed - detail error", kvc->lastResponse,
+            LogNarrow(L"KVCLowLevelCreateKeyCertificate HSM Key Failed - detail error", pAnswer->body,
                       KSP_LOG_WARNING);
             const bool fRefused = status == kHttpForbidden ||
-                                  (status == kHttpBadRequest && kvc->lastResponse &&
-                                   strstr(kvc->lastResponse, kHsmRefusalText));
-            if (fRefused && throttle.dwWaitMs <= throttle.dwMaxWaitMs) {
+                                  (status == kHttpBadRequest && pAnswer->body &&
+                                   strstr(pAnswer->body, kHsmRefusalText));
+            if (fRefused && dwWaitMs <= policy.dwThrottleMaxWaitMs) {
                 LogMsgError(L"KVCLowLevelCreateKeyCertificate HSM Key Failed - retry with software key", status,
                             KSP_LOG_WARNING);
                 fHsm = false;
@@ -361,17 +359,15 @@ int MergeCertificate(KVC *kvc, const WCHAR *pszEncodedName, const WCHAR *pszCert
         return 0;
     }
     CallocPtr<char> body(WStrToBytesStr(text->cStr));
-    KVC_THROTTLE throttle = {L"KVCImportCertificate THROLLED - RETRY", kFirstWaitMs, kLastWaitMs, TRUE};
-    do {
-        kvc->lastStatus = 0;
-        if (body)
-            KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_CERTIFICATES, pszEncodedName, L"POST", L"pending/merge",
-                            body.get(), L"7.0");
-        if (kvc->lastStatus == kHttpCreated)
-            return 1;
-    } while (KVCThrottleWait(&throttle, kvc->lastStatus));
-    LogNarrow(L"KVCLowLevelCreateKeyCertificate Merge Failed - detail error", kvc->lastResponse, KSP_LOG_FAILURE);
-    LogMsgError(L"KVCLowLevelCreateKeyCertificate Merge Failed", kvc->lastStatus, KSP_LOG_FAILURE);
+    ScopedAnswer answer;
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCImportCertificate THROLLED - RETRY", TRUE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
+    const KVC_REQUEST request = {nullptr, KVC_COLLECTION_CERTIFICATES, pszEncodedName, L"POST", L"pending/merge",
+                                 body.get(), L"7.0"};
+    if (body && KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == kHttpCreated)
+        return 1;
+    LogNarrow(L"KVCLowLevelCreateKeyCertificate Merge Failed - detail error", answer.body, KSP_LOG_FAILURE);
+    LogMsgError(L"KVCLowLevelCreateKeyCertificate Merge Failed", answer.status, KSP_LOG_FAILURE);
     return 0;
 }
 
@@ -387,9 +383,11 @@ int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const W
         return 0;
     }
     const bool fGiven = pbCert && cbCert;
-    if (!CreatePending(kvc, pszClearName, pszEncodedName, pszAlgorithm, dwKeyBitLength, fExportable != 0, fGiven))
+    ScopedAnswer pending;
+    if (!CreatePending(kvc, pszClearName, pszEncodedName, pszAlgorithm, dwKeyBitLength, fExportable != 0, fGiven,
+                       &pending))
         return 0;
-    CallocPtr<WCHAR> cert(CertificateToMerge(kvc->lastResponse, pbCert, cbCert));
+    CallocPtr<WCHAR> cert(CertificateToMerge(pending.body, pbCert, cbCert));
     if (!cert || !MergeCertificate(kvc, pszEncodedName, cert.get()))
         return 0;
     if (!KVCGetKey(kvc, pszClearName, pKey, 0)) {

@@ -60,34 +60,31 @@ SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKe
     // A null version leaves "<name>/" and the vault's latest version answers.
     WCHAR *pszPath = KVCJoinText({pszKeyName, L"/", pszKeyVersion});
 
-    // Five calls at most, 1, 2, 4, 8 and 16 s apart; the fifth 429 still costs its 16 s. The frame
-    // yields 0 for the vault's refusals too; those are told apart by their status, so only a call
-    // that got no answer at all counts as the frame's own error.
-    SECURITY_STATUS status = 0;
-    KVC_THROTTLE throttle = {L"KVCCryptoOp ActionThrottled", 1000, 16000, FALSE};
-    do {
-        kvc->lastStatus = 0; // a call that never went out must not be read as the last one's status
-        if (!KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_KEYS, pszPath, L"POST", pszAction, pszBody, L"7.0") &&
-            kvc->lastStatus == 0) {
-            LogMsgError(L"KVCCryptoOp KVCDoKVRESTCall Error", kvc->lastStatus, KSP_LOG_FAILURE);
-            status = NTE_FAIL;
-        } else if (kvc->lastStatus != kHttpOk && kvc->lastStatus != kHttpTooManyRequests) {
-            LogMsgError(L"KVCCryptoOp Failed", kvc->lastStatus, KSP_LOG_FAILURE);
-            status = NTE_FAIL;
-        }
-    } while (!status && KVCThrottleWait(&throttle, kvc->lastStatus));
+    // Five calls at most, 1, 2, 4, 8 and 16 s apart; the fifth 429 still costs its 16 s. Only a
+    // call that got no answer at all counts as the frame's own error.
+    ScopedAnswer reply;
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCCryptoOp ActionThrottled", FALSE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
+    const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, pszPath, L"POST", pszAction, pszBody, L"7.0"};
+    KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &reply);
     KVCWipeFreeBytes(pszBody);
     free(pszPath);
-    if (status)
-        return status;
+    if (reply.status == 0) {
+        LogMsgError(L"KVCCryptoOp KVCDoKVRESTCall Error", reply.status, KSP_LOG_FAILURE);
+        return NTE_FAIL;
+    }
+    if (reply.status != kHttpOk && reply.status != kHttpTooManyRequests) {
+        LogMsgError(L"KVCCryptoOp Failed", reply.status, KSP_LOG_FAILURE);
+        return NTE_FAIL;
+    }
 
     // Still throttled after the last wait: the throttling answer is read like any other, and
     // having no "value" it ends in NTE_INVALID_PARAMETER.
-    if (!kvc->lastResponse || !*kvc->lastResponse) {
-        LogMsgError(L"KVCCryptoOp Failed", kvc->lastStatus, KSP_LOG_FAILURE);
+    if (!reply.body || !*reply.body) {
+        LogMsgError(L"KVCCryptoOp Failed", reply.status, KSP_LOG_FAILURE);
         return NTE_FAIL;
     }
-    KVCJsonDoc answer = KVCJsonParse(kvc->lastResponse);
+    KVCJsonDoc answer = KVCJsonParse(reply.body);
     if (!answer || !json_object_object_get(answer.get(), "value"))
         return NTE_INVALID_PARAMETER;
     if (fVerify) {
@@ -100,7 +97,7 @@ SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKe
         return NTE_INVALID_PARAMETER;
     // A null pbOutput makes this a length query, after the vault has done the whole operation.
     // A buffer too small gets the needed length and NTE_FAIL, not NTE_BUFFER_TOO_SMALL.
-    status = KVCKKVKSP_FromBase64(pszValue, &pbOutput, pcbOutput, FALSE) ? 0 : NTE_FAIL;
+    const SECURITY_STATUS status = KVCKKVKSP_FromBase64(pszValue, &pbOutput, pcbOutput, FALSE) ? 0 : NTE_FAIL;
     KVCWipeFreeText(pszValue); // a decryption's answer is the plaintext
     return status;
 }

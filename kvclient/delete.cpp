@@ -14,7 +14,8 @@ constexpr DWORD kHttpTooManyRequests = 429;
 
 // How a deletion waits out 409 (the vault still finishing an operation on the object) and 429.
 // One wait counter serves the delete and the purge alike: it is never reset in between, and
-// every 409 or 429 sleeps it and doubles it before the status decides whether to call again.
+// every 409 or 429 sleeps it (while within the 429 bound) and doubles it before the status
+// decides whether to call again.
 struct DELETE_RETRY_RULE {
     DWORD dwFirstWaitMs;
     // 409 is called again while the doubled wait stays within this: waits of 1, 2, 4, 8, 16 s.
@@ -61,43 +62,21 @@ constexpr DELETE_KIND kCertificateKind = {
 int DeleteUntilSettled(KVC *kvc, const DELETE_KIND &kind, const WCHAR *pszEncodedName, const WCHAR *pszPurgePath,
                        DWORD *pdwWaitMs)
 {
-    const WCHAR *pszRetryMsg = pszPurgePath ? kind.pszPurgeRetryMsg : kind.pszRetryMsg;
-    const WCHAR *pszFailedMsg = pszPurgePath ? kind.pszPurgeFailedMsg : kind.pszFailedMsg;
+    const KVC_RETRY_POLICY policy = {pszPurgePath ? kind.pszPurgeRetryMsg : kind.pszRetryMsg,
+                                     KSP_LOG_FAILURE,
+                                     kDeleteRetry.dwFirstWaitMs,
+                                     kDeleteRetry.dwThrottleMaxWaitMs,
+                                     kDeleteRetry.dwConflictMaxWaitMs,
+                                     FALSE};
     // The purge path carries its own api-version; the name then goes to the frame's log only.
-    const WCHAR *pszApiVersion = pszPurgePath ? nullptr : L"7.0";
-    for (;;) {
-        // A call that never reached the vault leaves the previous status behind; a stale 429
-        // must not send this loop round again.
-        kvc->lastStatus = 0;
-        if (!KVCDoKVRESTCall(kvc, 0, pszPurgePath, kind.dwCollection, pszEncodedName, L"DELETE", nullptr, nullptr,
-                             pszApiVersion)) {
-            DWORD status = kvc->lastStatus;
-            if (status == kHttpConflict || status == kHttpTooManyRequests) {
-                LogMsgError(pszRetryMsg, status, KSP_LOG_FAILURE);
-                if (*pdwWaitMs <= kDeleteRetry.dwThrottleMaxWaitMs) {
-                    KspSleep(*pdwWaitMs);
-                    *pdwWaitMs *= 2;
-                }
-            } else {
-                LogMsgError(pszFailedMsg, status, KSP_LOG_FAILURE);
-            }
-        }
-        switch (kvc->lastStatus) {
-        case kHttpOk:
-        case kHttpNoContent:
-            return 1;
-        case kHttpTooManyRequests:
-            if (*pdwWaitMs > kDeleteRetry.dwThrottleMaxWaitMs)
-                return 0;
-            break;
-        case kHttpConflict:
-            if (*pdwWaitMs > kDeleteRetry.dwConflictMaxWaitMs)
-                return 0;
-            break;
-        default:
-            return 0;
-        }
-    }
+    const KVC_REQUEST request = {pszPurgePath, kind.dwCollection, pszEncodedName, L"DELETE",
+                                 nullptr,      nullptr,           pszPurgePath ? nullptr : L"7.0"};
+    ScopedAnswer answer;
+    if (KVCVaultCall(kvc, &request, &policy, pdwWaitMs, &answer))
+        return answer.status == kHttpOk || answer.status == kHttpNoContent ? 1 : 0;
+    if (answer.status != kHttpConflict && answer.status != kHttpTooManyRequests)
+        LogMsgError(pszPurgePath ? kind.pszPurgeFailedMsg : kind.pszFailedMsg, answer.status, KSP_LOG_FAILURE);
+    return 0;
 }
 
 // The purge is tried even when the delete failed: an object already soft-deleted answers the

@@ -11,8 +11,6 @@ namespace {
 
 constexpr DWORD kHttpOk = 200;
 constexpr DWORD kHttpTooManyRequests = 429;
-constexpr DWORD kFirstWaitMs = 1000;
-constexpr DWORD kLastWaitMs = 16000;
 constexpr char kKeysPathMarker[] = "/keys?";
 
 void FreeNames(WCHAR **ppNames, DWORD cNames)
@@ -86,18 +84,16 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
     }
 
     NameList list;
+    ScopedAnswer answer;
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetKeys ActionThrottled", TRUE);
     WCHAR *pszNextPath = nullptr; // the next page's "/keys?..." tail; null for the first page
     for (;;) {
         // Every page gets the whole throttling allowance of its own.
-        KVC_THROTTLE throttle = {L"KVCGetKeys ActionThrottled", kFirstWaitMs, kLastWaitMs, TRUE};
-        do {
-            kvc->lastStatus = 0;
-            if (!KVCDoKVRESTCall(kvc, 0, pszNextPath, KVC_COLLECTION_KEYS, nullptr, L"GET", nullptr, nullptr,
-                                 nullptr))
-                LogMsgError(L"KVCGetKeys REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
-        } while (KVCThrottleWait(&throttle, kvc->lastStatus));
-        if (kvc->lastStatus != kHttpOk && kvc->lastStatus != kHttpTooManyRequests) {
-            LogMsgError(L"KVCGetKeys REST Call Error", kvc->lastStatus, KSP_LOG_FAILURE);
+        DWORD dwWaitMs = policy.dwFirstWaitMs;
+        const KVC_REQUEST request = {pszNextPath, KVC_COLLECTION_KEYS, nullptr, L"GET", nullptr, nullptr, nullptr};
+        if (!KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer))
+            LogMsgError(L"KVCGetKeys REST Call Error", answer.status, KSP_LOG_FAILURE);
+        if (answer.status != kHttpOk && answer.status != kHttpTooManyRequests) {
             free(pszNextPath);
             return 0; // the names of earlier pages go with the list
         }
@@ -106,7 +102,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
         pszNextPath = nullptr;
         // A throttled answer that outlasted the waits is read like a page: it carries neither
         // names nor a link, so what earlier pages gave is still handed back.
-        KVCJsonDoc page = KVCJsonParse(kvc->lastResponse);
+        KVCJsonDoc page = KVCJsonParse(answer.body);
         if (!page)
             break;
 
@@ -135,7 +131,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
     *pcCount = list.cNames;
     list.ppNames = nullptr;
     list.cNames = 0;
-    return kvc->lastStatus == kHttpOk && !list.fOutOfMemory ? 1 : 0;
+    return answer.status == kHttpOk && !list.fOutOfMemory ? 1 : 0;
 }
 
 int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
@@ -154,28 +150,21 @@ int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
     LogMsg2(L"KVCGetKey Encoded Name", szEncoded, KSP_LOG_STEP);
 
     int result = 0;
-    KVC_THROTTLE throttle = {L"KVCGetKey KVCDoKVRESTCall ActionThrottled", kFirstWaitMs, kLastWaitMs, TRUE};
-    do {
-        // A call that never reached the vault leaves the previous status and body behind; they
-        // belong to another request and must not be read as this key.
-        kvc->lastStatus = 0;
-        if (!KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_KEYS, szEncoded, L"GET", nullptr, nullptr, nullptr)) {
-            if (fSuppress)
-                LogMsg(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", KSP_LOG_TRACE);
-            else
-                LogMsg(L"KVCGetKey KVCDoKVRESTCall Error", KSP_LOG_FAILURE);
-        }
-        if (kvc->lastStatus == kHttpOk) {
-            result = KVCParseJSONKey(szEncoded, kvc->lastResponse, pKey);
-            if (!result)
-                LogMsg2(L"KVCGetKey KVCParseJSONKey Failed", szEncoded, KSP_LOG_FAILURE);
-        } else if (kvc->lastStatus != kHttpTooManyRequests) {
-            if (fSuppress)
-                LogMsgError(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", kvc->lastStatus, KSP_LOG_TRACE);
-            else
-                LogMsgError(L"KVCGetKey KVCDoKVRESTCall Failed", kvc->lastStatus, KSP_LOG_FAILURE);
-        }
-    } while (KVCThrottleWait(&throttle, kvc->lastStatus));
+    ScopedAnswer answer;
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetKey KVCDoKVRESTCall ActionThrottled", TRUE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
+    const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, szEncoded, L"GET", nullptr, nullptr, nullptr};
+    if (KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == kHttpOk) {
+        result = KVCParseJSONKey(szEncoded, answer.body, pKey);
+        if (!result)
+            LogMsg2(L"KVCGetKey KVCParseJSONKey Failed", szEncoded, KSP_LOG_FAILURE);
+    } else if (fSuppress) {
+        LogMsg(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", KSP_LOG_TRACE);
+        LogMsgError(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", answer.status, KSP_LOG_TRACE);
+    } else {
+        LogMsg(L"KVCGetKey KVCDoKVRESTCall Error", KSP_LOG_FAILURE);
+        LogMsgError(L"KVCGetKey KVCDoKVRESTCall Failed", answer.status, KSP_LOG_FAILURE);
+    }
 
     LogMsg2(L"KVCGetKey End", pszKeyName, KSP_LOG_TRACE);
     return result;

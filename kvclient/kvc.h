@@ -29,8 +29,31 @@ struct KVC {
     DWORD fPurge;
     DWORD fCertMode;
     DWORD dwExportable;
-    DWORD lastStatus;   // HTTP status of the last REST call; 0 when no answer came
-    char *lastResponse; // body of the last REST call; null when no answer came
+    // Many threads use one client at once. The lock guards the token, its expiry and generation,
+    // and kvName (which sign-in may rewrite); it is never held across a request. One thread at a
+    // time renews the token (fRenewing) while the others wait on tokenRenewed for its answer.
+    SRWLOCK tokenLock;
+    CONDITION_VARIABLE tokenRenewed;
+    DWORD fRenewing;
+    DWORD tokenGeneration; // counts the tokens installed, so a refused one is dropped only once
+    DWORD renewals;        // counts finished renewals, successful or not
+};
+
+// What one REST call produced. It belongs to the call that made it, never to the client, so
+// that one thread never reads another's answer (a decryption's answer is its plaintext).
+struct KVC_ANSWER {
+    DWORD status;          // HTTP status; 0 when no answer came
+    char *body;            // calloc'd; null when no answer came
+    DWORD tokenGeneration; // the token the request carried
+};
+// Wipes and frees the body and zeroes the record; null is ignored.
+void KVCFreeAnswer(KVC_ANSWER *pAnswer);
+// An answer released when the operation that asked for it ends.
+struct ScopedAnswer : KVC_ANSWER {
+    ScopedAnswer() : KVC_ANSWER{} {}
+    ~ScopedAnswer() { KVCFreeAnswer(this); }
+    ScopedAnswer(const ScopedAnswer &) = delete;
+    ScopedAnswer &operator=(const ScopedAnswer &) = delete;
 };
 
 KVC *KVCNew(const WCHAR *pszKVNamePattern, DWORD authn, const WCHAR *pszTenantId, const WCHAR *pszClientId,
@@ -69,11 +92,16 @@ void KVCWipeFreeBytes(char *psz);
 
 // ---- Authentication ---------------------------------------------------------------------
 
-// Makes sure the client holds a bearer token for the vault: reuses one for an hour, else asks
-// for one by client secret (authn bit 2) and/or managed identity (bit 1). 1 when a token is held.
-// pszResource replaces the vault audience when given (no caller does). A vault named "oidguid"
-// becomes "x" and the first 23 hexadecimal digits of the identity's object id.
+// Makes sure the client holds a bearer token for the vault: reuses one for an hour, or for the
+// lifetime its answer states less a margin when that is shorter; else asks for one by client
+// secret (authn bit 2) and/or managed identity (bit 1). 1 when a token is held. When several
+// threads find the token used up, one asks and the others wait for its answer. pszResource
+// replaces the vault audience when given (no caller does). A vault named "oidguid" becomes "x"
+// and the first 23 hexadecimal digits of the identity's object id.
 int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource);
+// Forgets the token a request carried (its generation) after the vault refused it with 401, so
+// the next KVCAuthenticate signs in again. A token already replaced is left alone.
+void KVCDropToken(KVC *kvc, DWORD dwTokenGeneration);
 // The key file named by an Azure Arc agent's challenge ("Basic realm=<path>" up to CR LF) in
 // raw response headers, as a calloc'd text the caller frees; null (and logged) when the marker
 // or the line end is missing.
@@ -84,14 +112,14 @@ WCHAR *KVCArcRealmPath(const WCHAR *pszHeaders);
 #define KVC_COLLECTION_KEYS 0
 #define KVC_COLLECTION_CERTIFICATES 1
 
-// One Key Vault REST call with the client's token. Leaves the status in kvc->lastStatus and the
-// body in kvc->lastResponse. 1 only for HTTP 200, 201, 202 and 204. Without a token: 0, no
-// traffic, and the previous status and body stay. The path is pszPath as it stands when given,
-// else "/keys" or "/certificates", then "/" + pszObjectName and "/" + pszAction for those given
-// (null or empty ones are left out), then "?api-version=" + pszApiVersion ("2016-10-01" when
-// null). dwFlag is not used.
-int KVCDoKVRESTCall(KVC *kvc, DWORD dwFlag, const WCHAR *pszPath, DWORD dwCollection, const WCHAR *pszObjectName,
-                    const WCHAR *pszVerb, const WCHAR *pszAction, const char *pszBody, const WCHAR *pszApiVersion);
+// One Key Vault REST call with the client's token. The status and body go to *pAnswer, which is
+// released first and belongs to the caller. 1 only for HTTP 200, 201, 202 and 204. Without a
+// token: 0, no traffic, status 0. The path is pszPath as it stands when given, else "/keys" or
+// "/certificates", then "/" + pszObjectName and "/" + pszAction for those given (null or empty
+// ones are left out), then "?api-version=" + pszApiVersion ("2016-10-01" when null).
+int KVCDoKVRESTCall(KVC *kvc, KVC_ANSWER *pAnswer, const WCHAR *pszPath, DWORD dwCollection,
+                    const WCHAR *pszObjectName, const WCHAR *pszVerb, const WCHAR *pszAction, const char *pszBody,
+                    const WCHAR *pszApiVersion);
 // A fresh request identifier: a new GUID in braces, as StringFromGUID2 writes it. 1 on success.
 int KVCNewRequestId(WCHAR (&szId)[39]);
 
@@ -145,24 +173,45 @@ int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theK
 // Frees the owned members of a valid record and sets them to null; sizes and valid stay.
 void KVCFreeKVKey(KVKey *theKey);
 
-// ---- Throttling ---------------------------------------------------------------------------
+// ---- One vault call with its retries ------------------------------------------------------
 
-// How one vault operation waits out HTTP 429: the wait starts at dwWaitMs and doubles after
-// each sleep. Operations differ in where the bound is tested, and so in how many calls they make:
-//  - fTestBeforeSleep TRUE: a wait longer than dwMaxWaitMs is not taken and the loop ends, so
+// What one vault request is; the frame's arguments as a record.
+struct KVC_REQUEST {
+    const WCHAR *pszPath; // a whole path and query, or null to build one from the rest
+    DWORD dwCollection;
+    const WCHAR *pszObjectName;
+    const WCHAR *pszVerb;
+    const WCHAR *pszAction;
+    const char *pszBody;
+    const WCHAR *pszApiVersion;
+};
+
+// How an operation waits out the vault's "not now" answers. 429 is always retried, 409 only when
+// dwConflictMaxWaitMs is set (deletion). The wait starts at dwFirstWaitMs and doubles after each
+// sleep; operations differ in where the bound is tested, and so in how many calls they make:
+//  - fTestBeforeSleep TRUE: a wait beyond the status's bound is not taken and the call ends, so
 //    1, 2, 4, 8, 16 s allow six calls;
-//  - FALSE: the wait is always taken and the loop goes on only while the next wait stays within
-//    dwMaxWaitMs, so the same waits allow five calls, the last one followed by a wasted wait.
-struct KVC_THROTTLE {
-    const WCHAR *pszThrottledMsg; // logged with the status (level 2) for every 429
-    DWORD dwWaitMs;
-    DWORD dwMaxWaitMs;
+//  - FALSE: a wait within dwThrottleMaxWaitMs is taken, and the call is repeated only while the
+//    doubled wait stays within the status's bound, so the same waits allow five calls, the last
+//    one followed by a wasted wait.
+struct KVC_RETRY_POLICY {
+    const WCHAR *pszRetryMsg; // logged with the status for every retried answer
+    int retryMsgLevel;
+    DWORD dwFirstWaitMs;
+    DWORD dwThrottleMaxWaitMs;
+    DWORD dwConflictMaxWaitMs; // 0: a 409 is final
     BOOL fTestBeforeSleep;
 };
 
-// Called after each REST call with the client's last status: 1 when the operation should call
-// again (the status was 429 and the wait was taken), 0 when it should go on with what it has.
-int KVCThrottleWait(KVC_THROTTLE *pThrottle, DWORD dwStatus);
+// Makes the request until it succeeds, fails for good, or the policy's waits run out. The wait
+// counter *pdwWaitMs is the caller's (start it at dwFirstWaitMs), so steps of one operation can
+// share it. A 401 drops the token, signs in again and repeats the request once. *pAnswer holds
+// the last answer (released first; the caller frees it). 1 for HTTP 200, 201, 202 and 204.
+int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *pPolicy, DWORD *pdwWaitMs,
+                 KVC_ANSWER *pAnswer);
+
+// The waits most operations use: 1 s doubling up to 16 s, bound tested as the policy says.
+KVC_RETRY_POLICY KVCThrottlePolicy(const WCHAR *pszRetryMsg, BOOL fTestBeforeSleep);
 
 // ---- Key listing and lookup ---------------------------------------------------------------
 
@@ -225,6 +274,11 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
 int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName,
                                     const WCHAR *pszAlgorithm, DWORD dwKeyBitLength, KVKey *pKey, DWORD fExportable,
                                     const BYTE *pbCert, DWORD cbCert);
+
+// Imports a private key: PUTs the JSON Web Key body (pszBody, built by the caller, who wipes it)
+// under the vault name, waiting out throttling (six calls at most), and replaces *pKey with the
+// vault's answer. 1 once the vault answered 200.
+int KVCImportKey(KVC *kvc, const WCHAR *pszEncodedName, const char *pszBody, KVKey *pKey);
 
 // ---- Key deletion and purge ---------------------------------------------------------------
 

@@ -1,6 +1,6 @@
 // The REST call frame: the one door to the Key Vault REST interface. It builds the URL and the
-// headers, makes one exchange and leaves the status and body in the client for the caller.
-// It neither authenticates nor retries: each vault operation has its own rules for that.
+// headers, makes one exchange and hands the status and body to the calling thread's answer.
+// It neither authenticates nor retries: KVCVaultCall does that with each operation's policy.
 #include "kvclient/kvc.h"
 
 #include <objbase.h>
@@ -19,6 +19,27 @@ bool Given(const WCHAR *psz) { return psz && *psz; }
 
 bool IsSuccess(DWORD status) { return status == 200 || status == 201 || status == 202 || status == 204; }
 
+// Copies what the request needs of the shared client under its lock, so that a token renewed
+// or a vault name resolved meanwhile never changes (or frees) what this request is using.
+struct REQUEST_CREDENTIALS {
+    WCHAR *pszHost;
+    WCHAR *pszAuthorization; // "<type> <token>": wiped after use
+    DWORD tokenGeneration;
+};
+
+bool TakeCredentials(KVC *kvc, REQUEST_CREDENTIALS *pCred)
+{
+    AcquireSRWLockShared(&kvc->tokenLock);
+    const bool fHeld = kvc->tokenType && kvc->accessToken && kvc->tokenType->cStr && kvc->accessToken->cStr;
+    if (fHeld) {
+        pCred->pszHost = KVCJoinText({kvc->kvName ? kvc->kvName->cStr : nullptr, kVaultDnsSuffix});
+        pCred->pszAuthorization = KVCJoinText({kvc->tokenType->cStr, L" ", kvc->accessToken->cStr});
+        pCred->tokenGeneration = kvc->tokenGeneration;
+    }
+    ReleaseSRWLockShared(&kvc->tokenLock);
+    return fHeld;
+}
+
 } // namespace
 
 int KVCNewRequestId(WCHAR (&szId)[39])
@@ -28,26 +49,26 @@ int KVCNewRequestId(WCHAR (&szId)[39])
     return SUCCEEDED(CoCreateGuid(&guid)) && StringFromGUID2(guid, szId, ARRAYSIZE(szId)) > 0 ? 1 : 0;
 }
 
-int KVCDoKVRESTCall(KVC *kvc, DWORD, const WCHAR *pszPath, DWORD dwCollection, const WCHAR *pszObjectName,
-                    const WCHAR *pszVerb, const WCHAR *pszAction, const char *pszBody, const WCHAR *pszApiVersion)
+int KVCDoKVRESTCall(KVC *kvc, KVC_ANSWER *pAnswer, const WCHAR *pszPath, DWORD dwCollection,
+                    const WCHAR *pszObjectName, const WCHAR *pszVerb, const WCHAR *pszAction, const char *pszBody,
+                    const WCHAR *pszApiVersion)
 {
     LogMsg(L"KVCDoKVRESTCall", KSP_LOG_TRACE);
-    if (!kvc || !kvc->tokenType || !kvc->accessToken || !kvc->tokenType->cStr || !kvc->accessToken->cStr) {
+    KVCFreeAnswer(pAnswer); // the previous answer may be a decryption's plaintext
+    REQUEST_CREDENTIALS cred = {};
+    if (!kvc || !pAnswer || !TakeCredentials(kvc, &cred)) {
         LogMsgError(L"KVCDoKVRESTCall Failed - kvc, kvc->tokenType or kvc->accessToken or kvc->tokenType->cStr or "
                     L"kvc->accessToken->cStr NULL",
                     ERROR_INVALID_PARAMETER, KSP_LOG_TRACE);
         return 0;
     }
-    // The previous answer may be a decryption's plaintext.
-    KVCWipeFreeBytes(kvc->lastResponse);
-    kvc->lastResponse = nullptr;
+    pAnswer->tokenGeneration = cred.tokenGeneration;
 
     if (!pszApiVersion) {
         LogMsg(L"KVCDoKVRESTCall API Version 2016-10-01", KSP_LOG_TRACE);
         pszApiVersion = kDefaultApiVersion;
     }
-    WCHAR *pszHost = KVCJoinText({kvc->kvName ? kvc->kvName->cStr : nullptr, kVaultDnsSuffix});
-    LogMsg2(L"KVCDoKVRESTCall host", pszHost, KSP_LOG_TRACE);
+    LogMsg2(L"KVCDoKVRESTCall host", cred.pszHost, KSP_LOG_TRACE);
 
     WCHAR *pszUrl = nullptr;
     if (pszPath) {
@@ -65,18 +86,20 @@ int KVCDoKVRESTCall(KVC *kvc, DWORD, const WCHAR *pszPath, DWORD dwCollection, c
     WCHAR szRequestId[39];
     KVCNewRequestId(szRequestId);
     // Holds the token: built at its final size, wiped after use.
-    WCHAR *pszHeaders = KVCJoinText({L"Content-Type: application/json; charset=utf-8\r\n",
-                                     L"Accept: application/json\r\n", L"return-client-request-id: true\r\n",
-                                     L"Authorization: ", kvc->tokenType->cStr, L" ", kvc->accessToken->cStr, L"\r\n",
-                                     L"client-request-id: ", szRequestId, L"\r\n\r\n"});
+    WCHAR *pszHeaders = cred.pszAuthorization
+                            ? KVCJoinText({L"Content-Type: application/json; charset=utf-8\r\n",
+                                           L"Accept: application/json\r\n", L"return-client-request-id: true\r\n",
+                                           L"Authorization: ", cred.pszAuthorization, L"\r\n",
+                                           L"client-request-id: ", szRequestId, L"\r\n\r\n"})
+                            : nullptr;
 
     int result = 0;
     KVC_WEB_RESPONSE *resp = nullptr;
-    if (pszHost && pszUrl && pszHeaders)
-        resp = KVCDoWebCall(kvc, kHttpsPort, pszHost, pszUrl, pszVerb, pszHeaders, pszBody);
-    kvc->lastStatus = resp ? resp->status : 0;
+    if (cred.pszHost && pszUrl && pszHeaders)
+        resp = KVCDoWebCall(kvc, kHttpsPort, cred.pszHost, pszUrl, pszVerb, pszHeaders, pszBody);
     if (resp) {
-        kvc->lastResponse = resp->body;
+        pAnswer->status = resp->status;
+        pAnswer->body = resp->body;
         resp->body = nullptr;
     }
     if (resp && IsSuccess(resp->status)) {
@@ -89,7 +112,8 @@ int KVCDoKVRESTCall(KVC *kvc, DWORD, const WCHAR *pszPath, DWORD dwCollection, c
     }
     KVCFreeWebResponse(resp);
     KVCWipeFreeText(pszHeaders);
+    KVCWipeFreeText(cred.pszAuthorization);
     free(pszUrl);
-    free(pszHost);
+    free(cred.pszHost);
     return result;
 }

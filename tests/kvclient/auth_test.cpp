@@ -37,13 +37,13 @@ protected:
 
 } // namespace
 
-TEST_F(Auth, ClientSecretRequestIsExactPercentEncodedAndItsTokenServesOneHour)
+TEST_F(Auth, ClientSecretRequestIsExactPercentEncodedAndItsTokenServesItsLifetimeLessAMinute)
 {
     AddApp("a+b&c=d");
     KvcOwner kvc = NewClient(2, L"a+b&c=d");
     ASSERT_EQ(KVCAuthenticate(kvc.get(), nullptr), 1);
     EXPECT_EQ(Text(kvc->tokenType), "Bearer");
-    time.now += 3599;
+    time.now += 3599 - 60 - 1; // the emulated service's tokens live 3599 s
     EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), 1);
     EXPECT_EQ(Count(L"login"), 1u);
     time.now += 1;
@@ -97,7 +97,7 @@ TEST_F(Auth, WrongSecretFallsBackToTheMetadataServiceOnlyWithAuthn3)
     EXPECT_EQ(seen[1].SentHeaders(), std::vector<std::string>{"Metadata: True"});
 }
 
-TEST_F(Auth, ArcChallengeIsAnsweredWithTheKeyFileAndTheHourCountsFromTheFirstRequest)
+TEST_F(Auth, ArcChallengeIsAnsweredWithTheKeyFileAndTheLifetimeCountsFromTheFirstRequest)
 {
     SetIdentity();
     SetEnvironmentVariableW(L"IDENTITY_ENDPOINT", kArcEndpoint);
@@ -113,7 +113,7 @@ TEST_F(Auth, ArcChallengeIsAnsweredWithTheKeyFileAndTheHourCountsFromTheFirstReq
     EXPECT_EQ(seen[0].SentHeaders(), std::vector<std::string>{"Metadata: True"});
     EXPECT_EQ(seen[1].SentHeaders(), (std::vector<std::string>{"Metadata: True", "Authorization: " + basic}));
 
-    time.now += 3598; // the wait took the other second
+    time.now += 3599 - 60 - 2; // the wait took the other second
     EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), 1);
     EXPECT_EQ(Count(L"arc"), 2u);
     time.now += 1;

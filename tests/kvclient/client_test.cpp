@@ -73,7 +73,6 @@ TEST(Kvc, AuthenticationTypeZeroIsOneAndTheLoginUrlIsThePublicAuthorityAndTenant
     }
     kvc->accessToken = BldStrNewStr(L"token-value"); // released with the rest
     kvc->tokenType = BldStrNewStr(L"Bearer");
-    kvc->lastResponse = static_cast<char *>(calloc(8, 1));
     KVCDelete(kvc.release());
     KVCDelete(nullptr);
 }

@@ -28,9 +28,9 @@ protected:
         KVCAuthenticate(kvc.get(), nullptr);
         return kvc;
     }
-    static int List(KVC *kvc, const wchar_t *version = nullptr)
+    static int List(KVC *kvc, KVC_ANSWER *answer, const wchar_t *version = nullptr)
     {
-        return KVCDoKVRESTCall(kvc, 0, nullptr, 0, nullptr, L"GET", nullptr, nullptr, version);
+        return KVCDoKVRESTCall(kvc, answer, nullptr, 0, nullptr, L"GET", nullptr, nullptr, version);
     }
 };
 
@@ -39,12 +39,16 @@ protected:
 TEST_F(Rest, SendsTheExactRequestWithTheFiveHeaders)
 {
     KvcOwner kvc = SignedIn();
+    ScopedAnswer answer;
     ScriptAnswers(emulator, "vault", R"([{"status":200,"body":"{}"}])");
-    EXPECT_EQ(KVCDoKVRESTCall(kvc.get(), 0, nullptr, 0, L"k1/0a1b", L"POST", L"sign", R"({"alg":"RS256"})", L"7.0"), 1);
-    EXPECT_STREQ(kvc->lastResponse, "{}");
-    List(kvc.get());
-    KVCDoKVRESTCall(kvc.get(), 0, nullptr, 1, L"c1", L"DELETE", L"", nullptr, nullptr);
-    KVCDoKVRESTCall(kvc.get(), 0, L"/keys?api-version=7.0&$skiptoken=abc", 1, L"x", L"GET", L"x", nullptr, L"9.9");
+    EXPECT_EQ(KVCDoKVRESTCall(kvc.get(), &answer, nullptr, 0, L"k1/0a1b", L"POST", L"sign", R"({"alg":"RS256"})",
+                              L"7.0"),
+              1);
+    EXPECT_STREQ(answer.body, "{}");
+    List(kvc.get(), &answer);
+    KVCDoKVRESTCall(kvc.get(), &answer, nullptr, 1, L"c1", L"DELETE", L"", nullptr, nullptr);
+    KVCDoKVRESTCall(kvc.get(), &answer, L"/keys?api-version=7.0&$skiptoken=abc", 1, L"x", L"GET", L"x", nullptr,
+                    L"9.9");
 
     std::vector<SeenRequest> seen = VaultRequests();
     ASSERT_EQ(seen.size(), 4u);
@@ -65,30 +69,31 @@ TEST_F(Rest, SendsTheExactRequestWithTheFiveHeaders)
 TEST_F(Rest, OnlyStatuses200To204Except203SucceedAndWithoutATokenNothingIsSent)
 {
     KvcOwner kvc = SignedIn();
+    ScopedAnswer answer;
     const std::pair<int, int> cases[] = {{200, 1}, {201, 1}, {202, 1}, {203, 0}, {204, 1},
                                          {400, 0}, {404, 0}, {409, 0}, {500, 0}, {429, 0}};
     for (auto [status, result] : cases) {
         std::string body = status == 204 ? "" : "{\"s\":" + std::to_string(status) + "}";
         ScriptAnswers(emulator, "vault",
                       "[{\"status\":" + std::to_string(status) + (body.empty() ? "" : ",\"body\":" + body) + "}]");
-        EXPECT_EQ(List(kvc.get(), L"7.0"), result) << status;
-        EXPECT_EQ(kvc->lastStatus, static_cast<DWORD>(status));
-        EXPECT_STREQ(kvc->lastResponse, body.c_str());
+        EXPECT_EQ(List(kvc.get(), &answer, L"7.0"), result) << status;
+        EXPECT_EQ(answer.status, static_cast<DWORD>(status));
+        EXPECT_STREQ(answer.body, body.c_str());
     }
     EXPECT_TRUE(time.waits.empty()); // the frame never retries
 
     BldStrFree(kvc->accessToken);
     kvc->accessToken = nullptr;
-    EXPECT_EQ(List(kvc.get()), 0);
-    EXPECT_EQ(List(nullptr), 0);
+    EXPECT_EQ(List(kvc.get(), &answer), 0);
+    EXPECT_EQ(List(nullptr, &answer), 0);
     EXPECT_EQ(VaultRequests().size(), std::size(cases));
-    EXPECT_EQ(kvc->lastStatus, 429u); // the last answer stays
-    EXPECT_STREQ(kvc->lastResponse, R"({"s":429})");
+    EXPECT_EQ(answer.status, 0u); // an answer never outlives the next call
+    EXPECT_EQ(answer.body, nullptr);
 
     KvcOwner unreachable = SignedIn(2, L"notinthisworld");
-    EXPECT_EQ(List(unreachable.get()), 0);
-    EXPECT_EQ(unreachable->lastStatus, 0u);
-    EXPECT_EQ(unreachable->lastResponse, nullptr);
+    EXPECT_EQ(List(unreachable.get(), &answer), 0);
+    EXPECT_EQ(answer.status, 0u);
+    EXPECT_EQ(answer.body, nullptr);
 }
 
 TEST_F(Rest, SecretsAndTokensNeverReachTheLog)
@@ -101,8 +106,9 @@ TEST_F(Rest, SecretsAndTokensNeverReachTheLog)
     SetEnvironmentVariableW(L"IDENTITY_ENDPOINT", L"http://127.0.0.1:40342/metadata/identity/oauth2/token");
     KvcOwner bySecret = SignedIn(2), byArc = SignedIn(1), wrong = SignedIn(2, L"kestaltest", L"Wrong+Secret=0815");
     EXPECT_EQ(wrong->accessToken, nullptr);
+    ScopedAnswer answer;
     for (KVC *kvc : {bySecret.get(), byArc.get()})
-        EXPECT_EQ(List(kvc), 1);
+        EXPECT_EQ(List(kvc, &answer), 1);
 
     std::string log, events;
     for (const std::string &line : Log())
