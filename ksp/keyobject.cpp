@@ -133,8 +133,13 @@ SECURITY_STATUS SetUseContext(KSP_KEY *pKey, const BYTE *pbInput, DWORD cbInput)
         return Refuse(L"Use Context", L"Allocation Failed", NTE_NO_MEMORY);
     memcpy(pszCopy, pbInput, cch * sizeof(WCHAR));
     pszCopy[cch] = 0;
-    free(pKey->pszUseContext);
-    pKey->pszUseContext = pszCopy;
+    WCHAR *pszOld = nullptr;
+    {
+        SrwExclusive lock(&pKey->useContextLock);
+        pszOld = pKey->pszUseContext;
+        pKey->pszUseContext = pszCopy;
+    }
+    free(pszOld);
     return ERROR_SUCCESS;
 }
 
@@ -413,21 +418,57 @@ SECURITY_STATUS SetBuildinKeyProperty(KSP_KEY *pKey, LPCWSTR pszName, const BYTE
     return NTE_NOT_SUPPORTED;
 }
 
+namespace {
+
+// Called with g_EnumBufferLock held.
+KSP_BUFFER_NODE *FindEnumBuffer(PVOID pBuffer)
+{
+    for (KSP_BUFFER_NODE *node = g_EnumBufferList.Flink; node != &g_EnumBufferList; node = node->Flink)
+        if (node->pBuffer == pBuffer)
+            return node;
+    return nullptr;
+}
+
+} // namespace
+
 KSP_BUFFER_NODE *AddEnumBuffer(PVOID pBuffer)
 {
     LogMsg(L"AddEnumBuffer", KSP_LOG_TRACE);
-    for (KSP_BUFFER_NODE *node = g_EnumBufferList.Flink; node != &g_EnumBufferList; node = node->Flink)
-        if (node->pBuffer == pBuffer)
-            return nullptr;
     auto *node = static_cast<KSP_BUFFER_NODE *>(KspAlloc(sizeof(KSP_BUFFER_NODE)));
     if (!node) {
         LogMsg(L"AddEnumBuffer HeapAlloc Failed", KSP_LOG_FAILURE);
         return nullptr;
     }
     node->pBuffer = pBuffer;
+    SrwExclusive lock(&g_EnumBufferLock);
+    if (FindEnumBuffer(pBuffer)) {
+        KspFree(node);
+        return nullptr;
+    }
     node->Flink = &g_EnumBufferList;
     node->Blink = g_EnumBufferList.Blink;
     g_EnumBufferList.Blink->Flink = node;
     g_EnumBufferList.Blink = node;
     return node;
+}
+
+BOOL IsEnumBuffer(PVOID pBuffer)
+{
+    SrwShared lock(&g_EnumBufferLock);
+    return FindEnumBuffer(pBuffer) ? TRUE : FALSE;
+}
+
+BOOL RemoveEnumBuffer(PVOID pBuffer)
+{
+    KSP_BUFFER_NODE *node = nullptr;
+    {
+        SrwExclusive lock(&g_EnumBufferLock);
+        node = FindEnumBuffer(pBuffer);
+        if (node) {
+            node->Blink->Flink = node->Flink;
+            node->Flink->Blink = node->Blink;
+        }
+    }
+    KspFree(node);
+    return node ? TRUE : FALSE;
 }

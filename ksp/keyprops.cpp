@@ -197,6 +197,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetKeyProperty(NCRYPT_PROV_HA
         return status == ERROR_SUCCESS ? status : Fail(L"KestalKeyVaultKSPGetKeyProperty", status);
     }
 
+    // "Use Context" may be replaced by another thread: it is read and copied under its lock.
+    SrwShared lock(&pKey->useContextLock);
     BuiltinValue value;
     SECURITY_STATUS status = ReadBuiltin(pKey, pszProperty, &value);
     if (status != ERROR_SUCCESS) {

@@ -3,6 +3,8 @@
 
 #include "ksp/kspinterface.h"
 #include "kvclient/kvc.h"
+#include "support/locks.h"
+#include "support/module.h"
 
 #define KSP_PROVIDER_NAME L"Kestal Key Vault Key Storage Provider"
 
@@ -17,11 +19,12 @@ struct KSP_PROVIDER {
     DWORD dwReserved;         // 0
     LPWSTR pszProviderName;   // the copy of the name behind the fixed part
     LPWSTR pszUseContext;     // process-heap block: the last "Use Context" value, or null
+    SRWLOCK useContextLock;   // guards pszUseContext: callers set and read it from any thread
     WCHAR szKeyVaultMachine[KSP_VAULT_NAME_CHARS]; // vault name pattern for machine-scope keys
     WCHAR szKeyVaultUser[KSP_VAULT_NAME_CHARS];    // vault name pattern for user-scope keys
     KVC *kvcMachine;          // owned: the client for machine-scope keys (may be null)
     KVC *kvcUser;             // owned: the client for user-scope keys (may be null)
-    DWORD fCertsSynced;       // 1 once a machine-scope key open has synchronised certificates
+    volatile LONG fCertsSynced; // 1 once a machine-scope key open has started the certificate sync
 };
 
 // ---- Key objects and their property lists -----------------------------------------------
@@ -56,6 +59,7 @@ struct KSP_KEY {
     PBYTE pbSecurityDescr;                  // process heap: copy of the last "Security Descr"
     ULONGLONG cbSecurityDescr;
     LPWSTR pszUseContext;                   // malloc (_wcsdup): the last "Use Context"
+    SRWLOCK useContextLock;                 // guards pszUseContext against a set while it is read
     LIST_ENTRY PropertyList;                // KSP_PROPERTY nodes, guarded by g_hKspSemaphore
     HWND hWnd;                              // "HWND Handle"
 };
@@ -100,6 +104,10 @@ SECURITY_STATUS KspStorePrivateKeyBlob(KSP_KEY *pKey, LPCWSTR pszBlobType, const
 SECURITY_STATUS KspImportPrivateKeyToVault(KSP_KEY *pKey);
 // Lists a buffer handed to the caller by EnumKeys; null when already listed or out of memory.
 KSP_BUFFER_NODE *AddEnumBuffer(PVOID pBuffer);
+// Whether EnumKeys handed out this block and FreeBuffer has not yet taken it back.
+BOOL IsEnumBuffer(PVOID pBuffer);
+// Takes the block off the list; FALSE when it was not listed.
+BOOL RemoveEnumBuffer(PVOID pBuffer);
 
 // The provider behind a handle, or null when the handle is null, too short or of another kind.
 KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider);

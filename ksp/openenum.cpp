@@ -81,14 +81,6 @@ DWORD BitLengthOfKey(const KVKey *pKey)
     return pKey->x_siz == kP521CoordinateBytes ? 521 : pKey->x_siz * 8;
 }
 
-KSP_BUFFER_NODE *FindEnumBuffer(PVOID pBuffer)
-{
-    for (KSP_BUFFER_NODE *node = g_EnumBufferList.Flink; node != &g_EnumBufferList; node = node->Flink)
-        if (node->pBuffer == pBuffer)
-            return node;
-    return nullptr;
-}
-
 // The vault's key names in a fresh enumeration state; the vault client's copies are released.
 SECURITY_STATUS NewEnumState(KVC *kvc, KSP_ENUM_STATE **ppState)
 {
@@ -154,12 +146,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hP
         LogMsg(L"KestalKeyVaultKSPOpenKey Authenticate Failed ", KSP_LOG_FAILURE);
         status = SEC_E_LOGON_DENIED;
     } else {
-        // Certificates reach the machine store once per provider handle; the flag goes up first
-        // so that a sync that fails is not retried on every open.
-        if (!provider->fCertsSynced && dwMachineKey && kvc->fCertMode) {
-            provider->fCertsSynced = 1;
+        // Certificates reach the machine store once per provider handle; the flag goes up first,
+        // in one step, so that of several threads opening keys at once exactly one syncs, and a
+        // sync that fails is not retried on every open.
+        if (dwMachineKey && kvc->fCertMode && InterlockedCompareExchange(&provider->fCertsSynced, 1, 0) == 0)
             KVCSyncCertsFromKVToMachine(kvc);
-        }
         if (!KVCGetKey(kvc, pszKeyName, &pKey->kvKey, 1))
             status = NTE_NOT_FOUND;
     }
@@ -277,7 +268,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE h
             return Fail(L"KestalKeyVaultKSPEnumKeys", status);
         // Handed out at once: the caller frees it even when there is nothing to enumerate.
         *ppEnumState = pState;
-    } else if (!FindEnumBuffer(pState)) {
+    } else if (!IsEnumBuffer(pState)) {
         return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
     }
     if (pState->dwIndex >= pState->dwCount)
@@ -317,12 +308,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFreeBuffer(PVOID pvInput)
     LogMsg(L"KestalKeyVaultKSPFreeBuffer", KSP_LOG_ENTRY);
     if (!pvInput)
         return ERROR_SUCCESS;
-    KSP_BUFFER_NODE *node = FindEnumBuffer(pvInput);
-    if (node) {
-        node->Blink->Flink = node->Flink;
-        node->Flink->Blink = node->Blink;
-        KspFree(node);
-    }
+    RemoveEnumBuffer(pvInput);
     KspFree(pvInput);
     return ERROR_SUCCESS;
 }

@@ -382,6 +382,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetProviderProperty(NCRYPT_PR
     if (dwFlags != 0 && dwFlags != NCRYPT_SILENT_FLAG)
         return Fail(L"KestalKeyVaultKSPGetProviderProperty", NTE_BAD_FLAGS);
 
+    // "Use Context" may be replaced by another thread: it is read and copied under its lock.
+    SrwShared lock(&provider->useContextLock);
     DWORD dwValue = 0;
     const WCHAR *pszValue = nullptr; // set for the text-valued properties
     if (wcscmp(pszProperty, L"Impl Type") == 0) {
@@ -433,14 +435,22 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetProviderProperty(NCRYPT_PR
     if (wcscmp(pszProperty, L"Use Context") != 0)
         return Fail(L"KestalKeyVaultKSPSetProviderProperty", NTE_NOT_SUPPORTED);
 
-    if (provider->pszUseContext)
-        HeapFree(GetProcessHeap(), 0, provider->pszUseContext);
     // The bytes are kept as given; the zeroed tail behind them ends the text for readers
     // when the caller left out the terminator.
-    provider->pszUseContext =
+    auto *pszNew =
         static_cast<LPWSTR>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, static_cast<SIZE_T>(cbInput) + 2 * sizeof(WCHAR)));
-    if (!provider->pszUseContext)
+    if (pszNew)
+        memcpy(pszNew, pbInput, cbInput);
+    LPWSTR pszOld = nullptr;
+    {
+        // A failed allocation still drops the old value, as a caller who set a new one expects.
+        SrwExclusive lock(&provider->useContextLock);
+        pszOld = provider->pszUseContext;
+        provider->pszUseContext = pszNew;
+    }
+    if (pszOld)
+        HeapFree(GetProcessHeap(), 0, pszOld);
+    if (!pszNew)
         return Fail(L"KestalKeyVaultKSPSetProviderProperty", NTE_NO_MEMORY);
-    memcpy(provider->pszUseContext, pbInput, cbInput);
     return ERROR_SUCCESS;
 }

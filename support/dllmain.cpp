@@ -1,5 +1,6 @@
 // Module entry of KestalKeyVaultKSP.dll.
 #include "support/log.h"
+#include "support/module.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD dwReason, LPVOID)
 {

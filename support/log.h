@@ -38,19 +38,3 @@ struct KSP_EVENT_LOG_SEAM {
     void (*pfnReport)(WORD wType, const WCHAR *pszMessage);
 };
 void KspSetEventLogSeam(const KSP_EVENT_LOG_SEAM *pSeam);
-
-// Module attach and detach (DllMain calls these; tests that link the core call them directly).
-void KspModuleAttach(void);
-void KspModuleDetach(void);
-
-// The lock around every key's property list: created at attach, closed at detach.
-extern HANDLE g_hKspSemaphore;
-
-// Blocks handed to CNG by EnumKeys, listed until FreeBuffer: a circular doubly linked list
-// whose head points at itself when empty.
-struct KSP_BUFFER_NODE {
-    PVOID pBuffer;
-    KSP_BUFFER_NODE *Flink;
-    KSP_BUFFER_NODE *Blink;
-};
-extern KSP_BUFFER_NODE g_EnumBufferList;

@@ -1,5 +1,7 @@
 // Module start-up and shutdown: the logging settings (read here only, so a change takes
 // effect at the next load), the start banner, and the process-wide lock and buffer list.
+#include "support/module.h"
+
 #include "support/log.h"
 
 #include <psapi.h>
@@ -10,6 +12,7 @@
 
 HANDLE g_hKspSemaphore = nullptr;
 KSP_BUFFER_NODE g_EnumBufferList = {nullptr, &g_EnumBufferList, &g_EnumBufferList};
+SRWLOCK g_EnumBufferLock = SRWLOCK_INIT;
 
 namespace {
 

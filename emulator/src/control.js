@@ -74,6 +74,11 @@ function configureVault(store, name, b) {
       'recoverableDays must be a whole number from 7 to 90');
     v.recoverableDays = b.recoverableDays;
   }
+  if (b.latencyMs !== undefined) {
+    need(Number.isInteger(b.latencyMs) && b.latencyMs >= 0 && b.latencyMs <= 120000,
+      'latencyMs must be a whole number from 0 to 120000');
+    v.latencyMs = b.latencyMs;
+  }
   for (const k of ['deleteWindowRequests', 'deleteWindowMs', 'certificatePolls']) {
     if (b[k] !== undefined) {
       need(Number.isInteger(b[k]) && b[k] >= 0, `${k} must be a whole number`);
@@ -89,7 +94,7 @@ function describeVault(store, v) {
   return {
     name: v.name, tier: v.tier, pageSizes: v.pageSizes, tenant: store.vaultTenant(v),
     recoverableDays: v.recoverableDays, deleteWindowRequests: v.deleteWindowRequests,
-    deleteWindowMs: v.deleteWindowMs, certificatePolls: v.certificatePolls,
+    deleteWindowMs: v.deleteWindowMs, certificatePolls: v.certificatePolls, latencyMs: v.latencyMs,
     keys: keystore.sortedKeys(v).map((k) => k.record.name),
     certificates: names(v.certificates),
     deletedKeys: names(v.deletedKeys),

@@ -5,6 +5,8 @@ const { readBody, splitUrl, send } = require('./util');
 const script = require('./script');
 
 const REQUESTS_ON_SOCKET = Symbol('requestsOnSocket');
+// Requests received and not yet answered, per service: how parallel the callers really are.
+const inFlight = new Map();
 
 function record(store, req, route, body) {
   const sock = req.socket;
@@ -25,6 +27,7 @@ function record(store, req, route, body) {
     newConnection: sock[REQUESTS_ON_SOCKET] === 1,
     status: null,
     scripted: false,
+    inFlight: 1,
     time: new Date().toISOString(),
   };
   if (route.vault) entry.vault = route.vault;
@@ -41,6 +44,22 @@ function watchStatus(res, entry) {
   };
 }
 
+// Counts the request in until its answer is finished (or its connection closes), and notes in
+// its entry how many of the service's requests were open at its arrival, itself included.
+function trackInFlight(service, res, entry) {
+  const open = (inFlight.get(service) || 0) + 1;
+  inFlight.set(service, open);
+  entry.inFlight = open;
+  let done = false;
+  const finish = () => {
+    if (done) return;
+    done = true;
+    inFlight.set(service, inFlight.get(service) - 1);
+  };
+  res.on('finish', finish);
+  res.on('close', finish);
+}
+
 // classify(req) -> {service, vault?}; services: name -> {handle, baseHeaders}.
 function frontDoor(store, listener, classify, services) {
   return async (req, res) => {
@@ -55,6 +74,9 @@ function frontDoor(store, listener, classify, services) {
     route.body = body.toString('utf8');
     const entry = record(store, req, route, body);
     watchStatus(res, entry);
+    trackInFlight(route.service, res, entry);
+    const latencyMs = route.service === 'vault' && route.vault ? store.vault(route.vault).latencyMs : 0;
+    if (latencyMs) await new Promise((resolve) => setTimeout(resolve, latencyMs));
     const svc = services[route.service];
     if (!svc) {
       send(res, 404, { 'content-type': 'text/plain; charset=utf-8' }, 'Not Found');

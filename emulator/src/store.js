@@ -52,6 +52,7 @@ class Store {
         deleteWindowRequests: 0,
         deleteWindowMs: 0,
         certificatePolls: 0,
+        latencyMs: 0,
         keys: new Map(),            // lower-cased name -> {name, versions}
         deletedKeys: new Map(),     // lower-cased name -> deleted entry, see deleted.js
         certificates: new Map(),    // lower-cased name -> certificate record, see certificates.js

@@ -99,13 +99,13 @@ test('script entries are validated', async () => {
 
 test('vault settings are described, validated and forgotten', async () => {
   const set = await ctl(em, 'PUT', '/vaults/settings1',
-    { tier: 'premium', recoverableDays: 7, deleteWindowRequests: 2, deleteWindowMs: 0, certificatePolls: 1, pageSizes: [1] });
+    { tier: 'premium', recoverableDays: 7, deleteWindowRequests: 2, deleteWindowMs: 0, certificatePolls: 1, pageSizes: [1], latencyMs: 5 });
   assert.strictEqual(set.status, 200);
   assert.deepStrictEqual(set.json, { name: 'settings1', tier: 'premium', pageSizes: [1], tenant: set.json.tenant,
-    recoverableDays: 7, deleteWindowRequests: 2, deleteWindowMs: 0, certificatePolls: 1,
+    recoverableDays: 7, deleteWindowRequests: 2, deleteWindowMs: 0, certificatePolls: 1, latencyMs: 5,
     keys: [], certificates: [], deletedKeys: [], deletedCertificates: [] });
   for (const bad of [{ recoverableDays: 6 }, { recoverableDays: 91 }, { deleteWindowRequests: -1 }, { deleteWindowMs: 1.5 },
-    { certificatePolls: 'x' }, { tier: 'gold' }]) {
+    { certificatePolls: 'x' }, { tier: 'gold' }, { latencyMs: 120001 }]) {
     assert.strictEqual((await ctl(em, 'PUT', '/vaults/settings1', bad)).status, 400, JSON.stringify(bad));
   }
   await ctl(em, 'POST', '/vaults/settings1/keys', { name: 'k', jwk: javaKey() });

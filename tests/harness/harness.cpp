@@ -244,6 +244,7 @@ std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstri
         }
         r.tls = json_object_get_boolean(json_object_object_get(entry, "tls"));
         r.newConnection = json_object_get_boolean(json_object_object_get(entry, "newConnection"));
+        r.inFlight = json_object_get_int(json_object_object_get(entry, "inFlight"));
         seen.push_back(std::move(r));
     }
     return seen;

@@ -68,6 +68,7 @@ struct SeenRequest {
     std::vector<std::pair<std::string, std::string>> headers; // raw order and case
     bool tls = false;
     bool newConnection = false;
+    int inFlight = 0; // the service's requests open when this one arrived, itself included
     std::string Header(std::string_view name) const; // first value, any case; "" when absent
     // "Name: value" of the headers the caller added, in order: WinHTTP's own User-Agent, Host
     // and Content-Length left out.
