@@ -16,6 +16,19 @@ world_check_no_route_out() {
   fi
 }
 
+# Turns delayed ACK off on every local route of lo; fails the run if a route cannot be changed.
+world_quickack_local_routes() {
+  local route
+  ip route show table local dev lo | grep '^local ' | while read -r route; do
+    # shellcheck disable=SC2086 # the route's own words, as ip printed them
+    ip route change $route dev lo table local quickack 1 ||
+      world_refuse "could not set quickack on the local route: $route"
+  done
+  ip route show table local dev lo | grep '^local ' | grep -vq 'quickack 1' &&
+    world_refuse "a local route is left without quickack: $(ip route show table local dev lo)"
+  return 0
+}
+
 # Where Wine keeps the server socket of a prefix. Upstream Wine uses
 # /tmp/.wine-UID/server-DEV-INODE; Debian's Wine makes a private wine-XXXXXX directory
 # under TMPDIR and records its name in the prefix's "wineserver" file.
