@@ -90,9 +90,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEncrypt(NCRYPT_PROV_HANDLE hP
     LogMsg(L"KestalKeyVaultKSPEncrypt", KSP_LOG_ENTRY);
     SECURITY_STATUS status =
         EncryptChecked(hProvider, hKey, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
-    if (status != ERROR_SUCCESS)
-        LogMsgError(L"KestalKeyVaultKSPEncrypt", static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
+    return status == ERROR_SUCCESS ? status : KspFail(L"KestalKeyVaultKSPEncrypt", status);
 }
 
 extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey,
@@ -102,9 +100,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPDecrypt(NCRYPT_PROV_HANDLE hP
     LogMsg(L"KestalKeyVaultKSPDecrypt", KSP_LOG_ENTRY);
     SECURITY_STATUS status =
         DecryptChecked(hProvider, hKey, pbInput, cbInput, pbOutput, cbOutput, pcbResult, dwFlags);
-    if (status != ERROR_SUCCESS)
-        LogMsgError(L"KestalKeyVaultKSPDecrypt", static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
+    return status == ERROR_SUCCESS ? status : KspFail(L"KestalKeyVaultKSPDecrypt", status);
 }
 
 // The five entries below examine none of their arguments: there is no user interface to

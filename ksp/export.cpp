@@ -45,8 +45,8 @@ ULONG EccMagicOfKey(const KVKey &kvKey)
 
 // An RSA modulus is written behind a zero byte unless its length is odd and it already starts
 // with one (an odd length is never 0, so n[0] exists when it is read); BitLength stays 8 per
-// modulus byte as the vault gave it. Readers of this provider's blobs have always seen this
-// layout, so it is kept for every key.
+// modulus byte as the vault gave it. BCrypt and CryptoAPI import the extra zero byte as part of
+// the big-endian modulus without change; the export table of Export tests pins the layout.
 bool ModulusNeedsLeadingZero(const KVKey &kvKey) { return kvKey.n_siz % 2 == 0 || kvKey.n[0] != 0; }
 
 DWORD RsaBlobLength(const KVKey &kvKey)
@@ -170,7 +170,5 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPExportKey(NCRYPT_PROV_HANDLE 
     LogMsg2(L"KestalKeyVaultKSPExportKey", pszBlobType, KSP_LOG_ENTRY);
     SECURITY_STATUS status =
         ExportChecked(hProvider, hKey, pszBlobType, pbOutput, cbOutput, pcbResult, dwFlags);
-    if (status != ERROR_SUCCESS)
-        LogMsgError(L"KestalKeyVaultKSPExportKey Failed", static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
+    return status == ERROR_SUCCESS ? status : KspFail(L"KestalKeyVaultKSPExportKey Failed", status);
 }

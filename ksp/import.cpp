@@ -5,6 +5,7 @@
 // clear copy made on this side (the unprotected blob, the full blob derived from it, the request
 // body) is wiped before it is freed.
 #include "ksp/ksp.h"
+#include "support/handles.h"
 
 #include <wincrypt.h>
 #include <dpapi.h>
@@ -33,11 +34,6 @@ constexpr struct {
     {NCRYPT_PKCS8_PRIVATE_KEY_BLOB, BlobKind::Unsupported},
 };
 
-SECURITY_STATUS Fail(const WCHAR *pszEntry, SECURITY_STATUS status)
-{
-    LogMsgError(pszEntry, static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
-}
 
 // The key name the caller passed in the parameter list, or null.
 const WCHAR *KeyNameParameter(const NCryptBufferDesc *pParameterList)
@@ -89,25 +85,23 @@ bool Unprotect(const KSP_KEY *pKey, SecretBytes *pClear)
 // that the vault wants; CNG derives them when the key is exported in the full form.
 bool ToFullBlob(const SecretBytes &privateBlob, SecretBytes *pFull)
 {
-    BCRYPT_ALG_HANDLE hAlg = nullptr;
-    BCRYPT_KEY_HANDLE hKey = nullptr;
-    NTSTATUS status = BCryptOpenAlgorithmProvider(&hAlg, BCRYPT_RSA_ALGORITHM, nullptr, 0);
+    UniqueBCryptAlgorithm alg; // declared first: the key goes before its algorithm provider
+    UniqueBCryptKey key;
+    NTSTATUS status = BCryptOpenAlgorithmProvider(alg.put(), BCRYPT_RSA_ALGORITHM, nullptr, 0);
     if (status >= 0)
-        status = BCryptImportKeyPair(hAlg, nullptr, BCRYPT_RSAPRIVATE_BLOB, &hKey, privateBlob.pb, privateBlob.cb, 0);
+        status = BCryptImportKeyPair(alg.get(), nullptr, BCRYPT_RSAPRIVATE_BLOB, key.put(), privateBlob.pb,
+                                     privateBlob.cb, 0);
     ULONG cbFull = 0;
     if (status >= 0)
-        status = BCryptExportKey(hKey, nullptr, BCRYPT_RSAFULLPRIVATE_BLOB, nullptr, 0, &cbFull, 0);
+        status = BCryptExportKey(key.get(), nullptr, BCRYPT_RSAFULLPRIVATE_BLOB, nullptr, 0, &cbFull, 0);
     if (status >= 0) {
         pFull->pb = static_cast<BYTE *>(KspAlloc(cbFull));
         pFull->cb = cbFull;
         pFull->pfnFree = KspFreeBytes;
-        status = pFull->pb ? BCryptExportKey(hKey, nullptr, BCRYPT_RSAFULLPRIVATE_BLOB, pFull->pb, cbFull, &cbFull, 0)
-                           : STATUS_NO_MEMORY;
+        status = pFull->pb
+                     ? BCryptExportKey(key.get(), nullptr, BCRYPT_RSAFULLPRIVATE_BLOB, pFull->pb, cbFull, &cbFull, 0)
+                     : STATUS_NO_MEMORY;
     }
-    if (hKey)
-        BCryptDestroyKey(hKey);
-    if (hAlg)
-        BCryptCloseAlgorithmProvider(hAlg, 0);
     if (status < 0)
         LogMsgError(L"KspImportPrivateKeyToVault Full Private Blob Failed", static_cast<DWORD>(status),
                     KSP_LOG_FAILURE);
@@ -249,14 +243,14 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPImportKey(NCRYPT_PROV_HANDLE 
     LogMsgNum(L"KestalKeyVaultKSPImportKey", pszBlobType, static_cast<int>(dwFlags), KSP_LOG_ENTRY);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
-        return Fail(L"KestalKeyVaultKSPImportKey", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPImportKey", NTE_INVALID_HANDLE);
     if (!phKey || !pszBlobType || !pbData || cbData == 0)
-        return Fail(L"KestalKeyVaultKSPImportKey", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPImportKey", NTE_INVALID_PARAMETER);
     // Machine keys would need a protection every account on the machine can undo.
     if (dwFlags & (NCRYPT_MACHINE_KEY_FLAG | NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG))
-        return Fail(L"KestalKeyVaultKSPImportKey", NTE_NOT_SUPPORTED);
+        return KspFail(L"KestalKeyVaultKSPImportKey", NTE_NOT_SUPPORTED);
     if (dwFlags & ~kImportFlags)
-        return Fail(L"KestalKeyVaultKSPImportKey", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPImportKey", NTE_BAD_FLAGS);
     if (hImportKey) { // blobs encrypted under another key are not taken
         LogMsg(L"KestalKeyVaultKSPImportKey Encrypted Import Not Supported", KSP_LOG_FAILURE);
         return NTE_NOT_SUPPORTED;
@@ -291,7 +285,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPImportKey(NCRYPT_PROV_HANDLE 
     KSP_KEY *pKey = nullptr;
     SECURITY_STATUS status = CreateNewKeyObject(pszKeyName, BCRYPT_RSA_ALGORITHM, &pKey, 0);
     if (status != ERROR_SUCCESS)
-        return Fail(L"KestalKeyVaultKSPImportKey", status);
+        return KspFail(L"KestalKeyVaultKSPImportKey", status);
     pKey->kvc = provider->kvcUser;
     status = KspStorePrivateKeyBlob(
         pKey, kind == BlobKind::RsaPrivate ? BCRYPT_RSAPRIVATE_BLOB : BCRYPT_RSAFULLPRIVATE_BLOB, pbData, cbData);
@@ -313,7 +307,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPImportKey(NCRYPT_PROV_HANDLE 
     }
     if (status != ERROR_SUCCESS) {
         DeleteKeyObject(pKey);
-        return Fail(L"KestalKeyVaultKSPImportKey", status);
+        return KspFail(L"KestalKeyVaultKSPImportKey", status);
     }
     *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(pKey);
     return ERROR_SUCCESS;

@@ -32,11 +32,6 @@ template <size_t N> bool OneOf(LPCWSTR pszName, const WCHAR *const (&names)[N])
     return false;
 }
 
-SECURITY_STATUS Fail(const WCHAR *pszEntry, SECURITY_STATUS status)
-{
-    LogMsgError(pszEntry, static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
-}
 
 bool NameTooLong(LPCWSTR pszName) { return wcsnlen(pszName, kMaxPropertyNameChars + 1) > kMaxPropertyNameChars; }
 
@@ -96,7 +91,9 @@ SECURITY_STATUS ReadBuiltin(const KSP_KEY *pKey, LPCWSTR pszName, BuiltinValue *
     if (wcscmp(pszName, NCRYPT_ALGORITHM_PROPERTY) == 0)
         return text(pKey->szAlgorithm);
     if (wcscmp(pszName, NCRYPT_ALGORITHM_GROUP_PROPERTY) == 0)
-        return text(L"RSA"); // curve keys too: what callers of this provider have always been told
+        // Curve keys answer "RSA" too: programs that picked their padding by this property when
+        // the provider was introduced keep working. KeyProps tests pin the value.
+        return text(L"RSA");
     if (wcscmp(pszName, NCRYPT_BLOCK_LENGTH_PROPERTY) == 0)
         return dword((pKey->dwKeyBitLength + 7) / 8);
     if (wcscmp(pszName, NCRYPT_EXPORT_POLICY_PROPERTY) == 0)
@@ -177,9 +174,9 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetKeyProperty(NCRYPT_PROV_HA
     LogMsgNum(L"KestalKeyVaultKSPGetKeyProperty", pszProperty, static_cast<int>(dwFlags), KSP_LOG_ENTRY);
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
-        return Fail(L"KestalKeyVaultKSPGetKeyProperty", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPGetKeyProperty", NTE_INVALID_HANDLE);
     if (!pszProperty || NameTooLong(pszProperty) || !pcbResult)
-        return Fail(L"KestalKeyVaultKSPGetKeyProperty", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPGetKeyProperty", NTE_INVALID_PARAMETER);
 
     if (dwFlags & NCRYPT_PERSIST_ONLY_FLAG) {
         bool fLocked = LockLists(L"KestalKeyVaultKSPGetKeyProperty Failed to grab Semaphone - Result", pszProperty);
@@ -194,7 +191,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetKeyProperty(NCRYPT_PROV_HA
             status = NTE_NOT_FOUND;
         }
         UnlockLists(fLocked);
-        return status == ERROR_SUCCESS ? status : Fail(L"KestalKeyVaultKSPGetKeyProperty", status);
+        return status == ERROR_SUCCESS ? status : KspFail(L"KestalKeyVaultKSPGetKeyProperty", status);
     }
 
     // "Use Context" may be replaced by another thread: it is read and copied under its lock.
@@ -205,13 +202,13 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetKeyProperty(NCRYPT_PROV_HA
         // Asking whether a key carries a certificate is routine; the answer is no, quietly.
         if (wcscmp(pszProperty, NCRYPT_CERTIFICATE_PROPERTY) == 0)
             return status;
-        return Fail(L"KestalKeyVaultKSPGetKeyProperty", status);
+        return KspFail(L"KestalKeyVaultKSPGetKeyProperty", status);
     }
     *pcbResult = value.cb;
     if (!pbOutput)
         return ERROR_SUCCESS;
     if (cbOutput < value.cb)
-        return Fail(L"KestalKeyVaultKSPGetKeyProperty", NTE_BUFFER_TOO_SMALL);
+        return KspFail(L"KestalKeyVaultKSPGetKeyProperty", NTE_BUFFER_TOO_SMALL);
     memcpy(pbOutput, value.pv, value.cb);
     if (value.pv == &value.scratch && value.cb == sizeof(DWORD))
         LogMsgNum(L"KestalKeyVaultKSPGetKeyProperty", pszProperty, static_cast<int>(value.scratch.dw), KSP_LOG_TRACE);
@@ -231,9 +228,9 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetKeyProperty(NCRYPT_PROV_HA
         LogValueSet(pszProperty, pbInput, cbInput);
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
-        return Fail(L"KestalKeyVaultKSPSetKeyProperty", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPSetKeyProperty", NTE_INVALID_HANDLE);
     if (!pszProperty || NameTooLong(pszProperty) || !pbInput)
-        return Fail(L"KestalKeyVaultKSPSetKeyProperty", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPSetKeyProperty", NTE_INVALID_PARAMETER);
 
     if (_wcsicmp(pszProperty, NCRYPT_CERTIFICATE_PROPERTY) == 0) {
         LogMsg(L"KestalKeyVaultKSPSetKeyProperty SmartCardKeyCertificate Set publishCert", KSP_LOG_STEP);
@@ -245,12 +242,12 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetKeyProperty(NCRYPT_PROV_HA
                               ? dwFlags != 0 && !(dwFlags & ~(kSecurityDescrFlags | NCRYPT_PERSIST_FLAG))
                               : !(dwFlags & ~(NCRYPT_PERSIST_FLAG | NCRYPT_PERSIST_ONLY_FLAG));
     if (!fFlagsOk)
-        return Fail(L"KestalKeyVaultKSPSetKeyProperty", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPSetKeyProperty", NTE_BAD_FLAGS);
 
     if (!(dwFlags & NCRYPT_PERSIST_ONLY_FLAG)) {
         SECURITY_STATUS status = SetBuildinKeyProperty(pKey, pszProperty, pbInput, cbInput, &dwFlags);
         if (status != ERROR_SUCCESS)
-            return Fail(L"KestalKeyVaultKSPSetKeyProperty", status);
+            return KspFail(L"KestalKeyVaultKSPSetKeyProperty", status);
         if (!(dwFlags & NCRYPT_PERSIST_FLAG))
             return ERROR_SUCCESS;
     }
@@ -259,7 +256,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetKeyProperty(NCRYPT_PROV_HA
     KSP_PROPERTY *pNew = nullptr;
     SECURITY_STATUS status = CreateNewProperty(pszProperty, pbInput, cbInput, dwFlags, &pNew);
     if (status != ERROR_SUCCESS)
-        return Fail(L"KestalKeyVaultKSPSetKeyProperty", status);
+        return KspFail(L"KestalKeyVaultKSPSetKeyProperty", status);
     bool fLocked = LockLists(L"KestalKeyVaultKSPSetKeyProperty Failed to grab Semaphone - Result", pszProperty);
     if (KSP_PROPERTY *pOld = FindProperty(pKey, pszProperty)) {
         pOld->ListEntry.Blink->Flink = pOld->ListEntry.Flink;

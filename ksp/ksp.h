@@ -6,7 +6,6 @@
 #include "support/locks.h"
 #include "support/module.h"
 
-#define KSP_PROVIDER_NAME L"Kestal Key Vault Key Storage Provider"
 
 #define KSP_PROVIDER_MAGIC 0x7866ABCE
 #define KSP_VAULT_NAME_CHARS 512
@@ -112,9 +111,9 @@ BOOL RemoveEnumBuffer(PVOID pBuffer);
 // The provider behind a handle, or null when the handle is null, too short or of another kind.
 KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider);
 
-// Writes a REG_SZ under Software\Kestal\KestalKeyVaultKSP of HKEY_LOCAL_MACHINE (fMachine) or
-// HKEY_CURRENT_USER. The key is opened, never created. TRUE when the value was written.
-BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *pszValue);
+
+// Logs the entry's failure with its status and returns the status: the one way a CNG entry fails.
+SECURITY_STATUS KspFail(const WCHAR *pszEntry, SECURITY_STATUS status);
 
 // Unprotects a base64 DPAPI blob into pbOut (at most cbOut bytes). TRUE for a non-empty secret.
 BOOL GetSecretFromDPAPI(const WCHAR *pszBase64, BYTE *pbOut, DWORD cbOut);

@@ -23,11 +23,6 @@ constexpr DWORD kStoreCertBytes = 16384;
 constexpr DWORD kStoreHashBytes = 64;
 constexpr DWORD kStoreSubjectChars = 8000;
 
-SECURITY_STATUS Fail(const WCHAR *pszEntry, SECURITY_STATUS status)
-{
-    LogMsgError(pszEntry, static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
-}
 
 bool KnownAlgorithm(LPCWSTR pszAlgId)
 {
@@ -46,7 +41,7 @@ void PublishCertificate(KSP_KEY *pKey)
     BldStrPtr certSync(BldStrGetWStringValue(fMachine));
     if (!certSync)
         return;
-    LogMsg2(L"KestalKeyVaultKSPFreeKey publishCert", certSync->cStr, 6);
+    LogMsg2(L"KestalKeyVaultKSPFreeKey publishCert", certSync->cStr, KSP_LOG_PUBLISH);
     WCHAR szEncoded[KVC_ENCODED_NAME_CHARS] = {};
     KVCConvertClearKeyNameToEncoded(pKey->pszKeyName, szEncoded, nullptr);
 
@@ -121,11 +116,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPCreatePersistedKey(NCRYPT_PRO
               KSP_LOG_STEP);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
-        return Fail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_HANDLE);
     if (!phKey || !pszAlgId)
-        return Fail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_PARAMETER);
     if (dwFlags & ~(NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG | NCRYPT_OVERWRITE_KEY_FLAG))
-        return Fail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_BAD_FLAGS);
     if (!KnownAlgorithm(pszAlgId)) {
         LogMsg2(L"KestalKeyVaultKSPCreatePersistedKey Invalid Algorithm", pszAlgId, KSP_LOG_FAILURE);
         return NTE_NOT_SUPPORTED;
@@ -150,7 +145,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPCreatePersistedKey(NCRYPT_PRO
         KVCFreeKVKey(&existing);
         if (found) {
             DeleteKeyObject(pKey);
-            return Fail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_EXISTS);
+            return KspFail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_EXISTS);
         }
     }
     *phKey = reinterpret_cast<NCRYPT_KEY_HANDLE>(pKey);
@@ -164,11 +159,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFinalizeKey(NCRYPT_PROV_HANDL
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     // Finalizing twice is reported as a bad handle: the handle no longer names a key to finalize.
     if (!KspProviderFromHandle(hProvider) || !pKey || pKey->fFinished)
-        return Fail(L"KestalKeyVaultKSPFinalizeKey", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPFinalizeKey", NTE_INVALID_HANDLE);
     if (dwFlags & ~(NCRYPT_NO_KEY_VALIDATION | NCRYPT_SILENT_FLAG | NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG))
-        return Fail(L"KestalKeyVaultKSPFinalizeKey", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPFinalizeKey", NTE_BAD_FLAGS);
     if (dwFlags & NCRYPT_WRITE_KEY_TO_LEGACY_STORE_FLAG)
-        return Fail(L"KestalKeyVaultKSPFinalizeKey", NTE_NOT_SUPPORTED);
+        return KspFail(L"KestalKeyVaultKSPFinalizeKey", NTE_NOT_SUPPORTED);
     if (!pKey->pszKeyName) { // an ephemeral key lives only in this handle
         pKey->fFinished = 1;
         return ERROR_SUCCESS;
@@ -183,7 +178,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFinalizeKey(NCRYPT_PROV_HANDL
                                  : KVCCreateKey(pKey->pszKeyName, pKey->kvc, pKey->szAlgorithm, pKey->dwKeyBitLength,
                                                 pKey->dwExportPolicy, &pKey->kvKey);
     if (status != ERROR_SUCCESS)
-        return Fail(L"KestalKeyVaultKSPFinalizeKey", NTE_FAIL); // still unfinished: may be finalized again
+        return KspFail(L"KestalKeyVaultKSPFinalizeKey", NTE_FAIL); // still unfinished: may be finalized again
     pKey->fFinished = 1;
     return ERROR_SUCCESS;
 }
@@ -195,16 +190,16 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPDeleteKey(NCRYPT_PROV_HANDLE 
     LogMsg(L"KestalKeyVaultKSPDeleteKey", KSP_LOG_ENTRY);
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
-        return Fail(L"KestalKeyVaultKSPDeleteKey", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPDeleteKey", NTE_INVALID_HANDLE);
     if (dwFlags & ~NCRYPT_SILENT_FLAG)
-        return Fail(L"KestalKeyVaultKSPDeleteKey", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPDeleteKey", NTE_BAD_FLAGS);
     if (!KVCAuthenticate(pKey->kvc, nullptr)) {
         LogMsg(L"KestalKeyVaultKSPDeleteKey Authenticate Failed ", KSP_LOG_FAILURE);
         return SEC_E_LOGON_DENIED;
     }
     SECURITY_STATUS status = KVCKeyDelete(pKey->pszKeyName, pKey->kvc);
     if (status != ERROR_SUCCESS)
-        return Fail(L"KestalKeyVaultKSPDeleteKey", status);
+        return KspFail(L"KestalKeyVaultKSPDeleteKey", status);
     LogMsg(L"KestalKeyVaultKSPDeleteKey Key Deleted - now free the storage", KSP_LOG_ENTRY);
     return KestalKeyVaultKSPFreeKey(hProvider, hKey);
 }
@@ -214,7 +209,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFreeKey(NCRYPT_PROV_HANDLE hP
     LogMsg(L"KestalKeyVaultKSPFreeKey", KSP_LOG_ENTRY);
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
-        return Fail(L"KestalKeyVaultKSPFreeKey", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPFreeKey", NTE_INVALID_HANDLE);
     LogMsg2(L"KestalKeyVaultKSPFreeKey", pKey->pszKeyName ? pKey->pszKeyName : L"NULL Name", 6);
     if (pKey->pszKeyName && pKey->fPublishCert)
         PublishCertificate(pKey);

@@ -44,11 +44,6 @@ constexpr AlgorithmEntry kAlgorithms[] = {
 };
 constexpr size_t kRsa = 0, kFirstEcdsa = 1, kFirstEcdh = 4, kCurves = 3;
 
-SECURITY_STATUS Fail(const WCHAR *pszMessage, SECURITY_STATUS status)
-{
-    LogMsgError(pszMessage, static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
-}
 
 bool FlagsAllowed(DWORD dwFlags, DWORD dwAllowed) { return (dwFlags & ~(dwAllowed | NCRYPT_SILENT_FLAG)) == 0; }
 
@@ -127,9 +122,9 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hP
     LogMsgNum(L"KestalKeyVaultKSPOpenKey", pszKeyName, static_cast<int>(dwFlags), KSP_LOG_ENTRY);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
-        return Fail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_HANDLE);
     if (!phKey || !pszKeyName)
-        return Fail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_PARAMETER);
 
     KSP_KEY *pKey = nullptr;
     DWORD dwMachineKey = dwFlags & NCRYPT_MACHINE_KEY_FLAG;
@@ -156,7 +151,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hP
     }
     if (status != ERROR_SUCCESS) {
         DeleteKeyObject(pKey);
-        return Fail(L"KestalKeyVaultKSPOpenKey Error", status);
+        return KspFail(L"KestalKeyVaultKSPOpenKey Error", status);
     }
 
     AlgorithmOfKey(&pKey->kvKey, pKey->szAlgorithm);
@@ -171,11 +166,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPIsAlgSupported(NCRYPT_PROV_HA
 {
     LogMsg2(L"KestalKeyVaultKSPIsAlgSupported", pszAlgId, KSP_LOG_ENTRY);
     if (!KspProviderFromHandle(hProvider))
-        return Fail(L"KestalKeyVaultKSPIsAlgSupported", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPIsAlgSupported", NTE_INVALID_HANDLE);
     if (!pszAlgId)
-        return Fail(L"KestalKeyVaultKSPIsAlgSupported", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPIsAlgSupported", NTE_INVALID_PARAMETER);
     if (!FlagsAllowed(dwFlags, 0))
-        return Fail(L"KestalKeyVaultKSPIsAlgSupported", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPIsAlgSupported", NTE_BAD_FLAGS);
     for (const AlgorithmEntry &alg : kAlgorithms)
         if (wcscmp(pszAlgId, alg.pszName) == 0)
             return ERROR_SUCCESS;
@@ -190,11 +185,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumAlgorithms(NCRYPT_PROV_HA
     LogMsgNum(L"KestalKeyVaultKSPEnumAlgorithms", L"dwAlgOperations", static_cast<int>(dwAlgOperations),
               KSP_LOG_ENTRY);
     if (!KspProviderFromHandle(hProvider))
-        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_INVALID_HANDLE);
     if (!pdwAlgCount || !ppAlgList)
-        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_INVALID_PARAMETER);
     if (!FlagsAllowed(dwFlags, 0))
-        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_BAD_FLAGS);
 
     const AlgorithmEntry *chosen[ARRAYSIZE(kAlgorithms)];
     size_t cChosen = 0;
@@ -211,7 +206,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumAlgorithms(NCRYPT_PROV_HA
         if (dwAlgOperations & NCRYPT_SECRET_AGREEMENT_OPERATION)
             choose(kFirstEcdh, kCurves);
     } else {
-        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_NOT_SUPPORTED);
+        return KspFail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_NOT_SUPPORTED);
     }
 
     // Room for every entry and every name, whatever was chosen; the unused rest stays 0xCC.
@@ -220,7 +215,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumAlgorithms(NCRYPT_PROV_HA
         cbBlock += (wcslen(alg.pszName) + 1) * sizeof(WCHAR);
     auto *pbBlock = static_cast<PBYTE>(KspAlloc(cbBlock));
     if (!pbBlock)
-        return Fail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_NO_MEMORY);
+        return KspFail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_NO_MEMORY);
     memset(pbBlock, 0xCC, cbBlock);
     auto *pList = reinterpret_cast<NCryptAlgorithmName *>(pbBlock);
     auto *pszNames = reinterpret_cast<LPWSTR>(pList + cChosen);
@@ -242,11 +237,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE h
     LogMsg(L"KestalKeyVaultKSPEnumKeys", KSP_LOG_ENTRY);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
-        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_HANDLE);
     if (!ppKeyName || !ppEnumState)
-        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
     if (!FlagsAllowed(dwFlags, NCRYPT_MACHINE_KEY_FLAG))
-        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_BAD_FLAGS);
 
     DWORD dwMachineKey = dwFlags & NCRYPT_MACHINE_KEY_FLAG;
     if (dwMachineKey)
@@ -255,7 +250,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE h
         LogMsg(L"KestalKeyVaultKSPEnumKeys NOT NCRYPT_MACHINE_KEY_FLAG", KSP_LOG_TRACE);
     KVC *kvc = dwMachineKey ? provider->kvcMachine : provider->kvcUser;
     if (!kvc)
-        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
     if (!KVCAuthenticate(kvc, nullptr)) {
         LogMsg(L"KestalKeyVaultKSPEnumKeys Authenticate Failed", KSP_LOG_FAILURE);
         return SEC_E_LOGON_DENIED;
@@ -265,11 +260,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE h
     if (!pState) {
         SECURITY_STATUS status = NewEnumState(kvc, &pState);
         if (status != ERROR_SUCCESS)
-            return Fail(L"KestalKeyVaultKSPEnumKeys", status);
+            return KspFail(L"KestalKeyVaultKSPEnumKeys", status);
         // Handed out at once: the caller frees it even when there is nothing to enumerate.
         *ppEnumState = pState;
     } else if (!IsEnumBuffer(pState)) {
-        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_INVALID_PARAMETER);
     }
     if (pState->dwIndex >= pState->dwCount)
         return NTE_NO_MORE_ITEMS;
@@ -279,12 +274,12 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE h
     KVKey record;
     if (!KVCGetKey(kvc, pszName, &record, 0)) {
         KVCFreeKVKey(&record);
-        return Fail(L"KestalKeyVaultKSPEnumKeys", kEnumVaultFailed);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", kEnumVaultFailed);
     }
     auto *pBlock = static_cast<KSP_KEY_NAME_BLOCK *>(KspAlloc(sizeof(KSP_KEY_NAME_BLOCK)));
     if (!pBlock) {
         KVCFreeKVKey(&record);
-        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_NO_MEMORY);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_NO_MEMORY);
     }
     ZeroMemory(pBlock, sizeof(*pBlock));
     AlgorithmOfKey(&record, pBlock->szAlgid);
@@ -295,7 +290,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE h
     pBlock->keyName.dwFlags = dwMachineKey;
     if (!AddEnumBuffer(pBlock)) {
         KspFree(pBlock);
-        return Fail(L"KestalKeyVaultKSPEnumKeys", NTE_NO_MEMORY);
+        return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_NO_MEMORY);
     }
     pState->dwIndex++;
     *ppKeyName = &pBlock->keyName;

@@ -1,6 +1,7 @@
 // Provider object and provider properties: the handle CNG opens first, the settings of both
 // scopes, the DPAPI form of the client secret, and the two vault clients.
 #include "ksp/ksp.h"
+#include "support/handles.h"
 
 #include <wincrypt.h>
 #include <dpapi.h>
@@ -27,22 +28,9 @@ DATA_BLOB EntropyBlob()
     return DATA_BLOB{sizeof(kSecretEntropy), const_cast<BYTE *>(kSecretEntropy)};
 }
 
-// An open settings key, closed on every way out.
-struct RegKey {
-    HKEY h = nullptr;
-    RegKey() = default;
-    RegKey(const RegKey &) = delete;
-    RegKey &operator=(const RegKey &) = delete;
-    ~RegKey()
-    {
-        if (h)
-            RegCloseKey(h);
-    }
-};
-
-bool OpenSettings(HKEY hive, REGSAM access, RegKey *key)
+bool OpenSettings(HKEY hive, REGSAM access, UniqueRegKey *key)
 {
-    return RegOpenKeyExW(hive, KSP_SETTINGS_KEY, 0, access, &key->h) == ERROR_SUCCESS;
+    return RegOpenKeyExW(hive, KSP_SETTINGS_KEY, 0, access, key->put()) == ERROR_SUCCESS;
 }
 
 // Reads a REG_SZ into a zeroed buffer of cbBuffer bytes. A missing value, another type, or a
@@ -50,12 +38,12 @@ bool OpenSettings(HKEY hive, REGSAM access, RegKey *key)
 void ReadSettingString(HKEY hive, const WCHAR *pszName, WCHAR *pszBuffer, DWORD cbBuffer)
 {
     SecureZeroMemory(pszBuffer, cbBuffer);
-    RegKey key;
+    UniqueRegKey key;
     if (!OpenSettings(hive, KEY_QUERY_VALUE, &key))
         return;
     DWORD type = 0;
     DWORD cb = cbBuffer;
-    LSTATUS rc = RegQueryValueExW(key.h, pszName, nullptr, &type, reinterpret_cast<BYTE *>(pszBuffer), &cb);
+    LSTATUS rc = RegQueryValueExW(key.get(), pszName, nullptr, &type, reinterpret_cast<BYTE *>(pszBuffer), &cb);
     DWORD cch = cbBuffer / sizeof(WCHAR);
     bool fits = rc == ERROR_SUCCESS && type == REG_SZ &&
                 (cb < cbBuffer || (cb == cbBuffer && pszBuffer[cch - 1] == 0));
@@ -70,13 +58,13 @@ void ReadSettingString(HKEY hive, const WCHAR *pszName, WCHAR *pszBuffer, DWORD 
 // Reads a REG_DWORD; anything else gives 0.
 DWORD ReadSettingDword(HKEY hive, const WCHAR *pszName)
 {
-    RegKey key;
+    UniqueRegKey key;
     if (!OpenSettings(hive, KEY_QUERY_VALUE, &key))
         return 0;
     DWORD type = 0;
     DWORD value = 0;
     DWORD cb = sizeof(value);
-    if (RegQueryValueExW(key.h, pszName, nullptr, &type, reinterpret_cast<BYTE *>(&value), &cb) != ERROR_SUCCESS ||
+    if (RegQueryValueExW(key.get(), pszName, nullptr, &type, reinterpret_cast<BYTE *>(&value), &cb) != ERROR_SUCCESS ||
         type != REG_DWORD || cb != sizeof(value))
         return 0;
     return value;
@@ -190,11 +178,6 @@ KVC *OpenScope(BOOL fMachine, WCHAR *pszKeyVault, ScopeSettings *s)
                   s->szClientCertId, fMachine, !s->dwDoDeletePurge, !s->dwCertificatesOrKeys, s->dwExportableOption);
 }
 
-SECURITY_STATUS Fail(const WCHAR *pszFunction, SECURITY_STATUS status)
-{
-    LogMsgError(pszFunction, static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
-}
 
 bool PropertyNameTooLong(LPCWSTR pszProperty)
 {
@@ -252,26 +235,6 @@ KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider)
     return provider;
 }
 
-BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *pszValue)
-{
-    LogMsg2(L"KestalRegSetString", pszValueName, KSP_LOG_TRACE);
-    if (!pszValueName || !pszValue)
-        return FALSE;
-    RegKey key;
-    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE, &key.h);
-    if (rc != ERROR_SUCCESS) {
-        LogMsgError(L"KestalRegSetString RegOpenKeyExW Failed", static_cast<DWORD>(rc), KSP_LOG_WARNING);
-        return FALSE;
-    }
-    DWORD cb = static_cast<DWORD>((wcslen(pszValue) + 1) * sizeof(WCHAR));
-    rc = RegSetValueExW(key.h, pszValueName, 0, REG_SZ, reinterpret_cast<const BYTE *>(pszValue), cb);
-    if (rc != ERROR_SUCCESS) {
-        LogMsgError(L"KestalRegSetString RegSetValueExW Failed", static_cast<DWORD>(rc), KSP_LOG_FAILURE);
-        return FALSE;
-    }
-    return TRUE;
-}
-
 BOOL GetSecretFromDPAPI(const WCHAR *pszBase64, BYTE *pbOut, DWORD cbOut)
 {
     LogMsg(L"GetSecretFromDPAPI", KSP_LOG_TRACE);
@@ -315,23 +278,23 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenProvider(NCRYPT_PROV_HAND
 
     if (!phProvider) {
         LogMsg(L"KestalKeyVaultKSPOpenProvider phProvider NULL", KSP_LOG_WARNING);
-        return Fail(L"KestalKeyVaultKSPOpenProvider", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPOpenProvider", NTE_INVALID_PARAMETER);
     }
     if (!pszProviderName) {
         LogMsg(L"KestalKeyVaultKSPOpenProvider pszProviderName NULL", KSP_LOG_WARNING);
-        return Fail(L"KestalKeyVaultKSPOpenProvider", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPOpenProvider", NTE_INVALID_PARAMETER);
     }
     size_t cbProviderName = (wcsnlen(pszProviderName, kMaxProviderNameBytes / sizeof(WCHAR)) + 1) * sizeof(WCHAR);
     if (cbProviderName > kMaxProviderNameBytes) {
         LogMsg(L"KestalKeyVaultKSPOpenProvider cbProviderName too long", KSP_LOG_FAILURE);
-        return Fail(L"KestalKeyVaultKSPOpenProvider", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPOpenProvider", NTE_INVALID_PARAMETER);
     }
 
     DWORD cbLength = static_cast<DWORD>(sizeof(KSP_PROVIDER) + cbProviderName);
     auto *provider = static_cast<KSP_PROVIDER *>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, cbLength));
     if (!provider) {
         LogMsg(L"KestalKeyVaultKSPOpenProvider HeapAlloc Failed", KSP_LOG_FAILURE);
-        return Fail(L"KestalKeyVaultKSPOpenProvider", NTE_NO_MEMORY);
+        return KspFail(L"KestalKeyVaultKSPOpenProvider", NTE_NO_MEMORY);
     }
     provider->cbLength = cbLength;
     provider->dwMagic = KSP_PROVIDER_MAGIC;
@@ -355,7 +318,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFreeProvider(NCRYPT_PROV_HAND
     LogMsg(L"KestalKeyVaultKSPFreeProvider", KSP_LOG_ENTRY);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
-        return Fail(L"KestalKeyVaultKSPFreeProvider", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPFreeProvider", NTE_INVALID_HANDLE);
 
     KVCDelete(provider->kvcMachine);
     provider->kvcMachine = nullptr;
@@ -376,11 +339,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetProviderProperty(NCRYPT_PR
     LogMsg2(L"KestalKeyVaultKSPGetProviderProperty", pszProperty, KSP_LOG_ENTRY);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
-        return Fail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INVALID_HANDLE);
     if (!pszProperty || !pcbResult || PropertyNameTooLong(pszProperty))
-        return Fail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INVALID_PARAMETER);
     if (dwFlags != 0 && dwFlags != NCRYPT_SILENT_FLAG)
-        return Fail(L"KestalKeyVaultKSPGetProviderProperty", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_BAD_FLAGS);
 
     // "Use Context" may be replaced by another thread: it is read and copied under its lock.
     SrwShared lock(&provider->useContextLock);
@@ -396,12 +359,12 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetProviderProperty(NCRYPT_PR
         dwValue = 0x00010000;
     } else if (wcscmp(pszProperty, L"Use Context") == 0) {
         if (!provider->pszUseContext)
-            return Fail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INTERNAL_ERROR);
+            return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INTERNAL_ERROR);
         pszValue = provider->pszUseContext;
     } else if (wcscmp(pszProperty, L"Security Descr Support") == 0) {
         dwValue = 0;
     } else {
-        return Fail(L"KestalKeyVaultKSPGetProviderProperty", NTE_NOT_SUPPORTED);
+        return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_NOT_SUPPORTED);
     }
 
     DWORD cbValue = pszValue ? static_cast<DWORD>((wcslen(pszValue) + 1) * sizeof(WCHAR)) : sizeof(DWORD);
@@ -409,7 +372,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetProviderProperty(NCRYPT_PR
     if (!pbOutput)
         return ERROR_SUCCESS;
     if (cbOutput < cbValue)
-        return Fail(L"KestalKeyVaultKSPGetProviderProperty", NTE_BUFFER_TOO_SMALL);
+        return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_BUFFER_TOO_SMALL);
     if (pszValue) {
         memcpy(pbOutput, pszValue, cbValue);
         LogMsg3(L"KestalKeyVaultKSPGetProviderProperty", pszProperty, pszValue, KSP_LOG_TRACE);
@@ -427,13 +390,13 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetProviderProperty(NCRYPT_PR
     LogPropertyToSet(pszProperty, pbInput, cbInput);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
-        return Fail(L"KestalKeyVaultKSPSetProviderProperty", NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_INVALID_HANDLE);
     if (!pszProperty || PropertyNameTooLong(pszProperty) || !pbInput)
-        return Fail(L"KestalKeyVaultKSPSetProviderProperty", NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_INVALID_PARAMETER);
     if (dwFlags != 0 && dwFlags != NCRYPT_SILENT_FLAG)
-        return Fail(L"KestalKeyVaultKSPSetProviderProperty", NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_BAD_FLAGS);
     if (wcscmp(pszProperty, L"Use Context") != 0)
-        return Fail(L"KestalKeyVaultKSPSetProviderProperty", NTE_NOT_SUPPORTED);
+        return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_NOT_SUPPORTED);
 
     // The bytes are kept as given; the zeroed tail behind them ends the text for readers
     // when the caller left out the terminator.
@@ -451,6 +414,12 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetProviderProperty(NCRYPT_PR
     if (pszOld)
         HeapFree(GetProcessHeap(), 0, pszOld);
     if (!pszNew)
-        return Fail(L"KestalKeyVaultKSPSetProviderProperty", NTE_NO_MEMORY);
+        return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_NO_MEMORY);
     return ERROR_SUCCESS;
+}
+
+SECURITY_STATUS KspFail(const WCHAR *pszEntry, SECURITY_STATUS status)
+{
+    LogMsgError(pszEntry, static_cast<DWORD>(status), KSP_LOG_FAILURE);
+    return status;
 }

@@ -113,17 +113,6 @@ const WCHAR *EsAlgorithmOfExactName(const WCHAR *pszAlgorithm)
     return nullptr;
 }
 
-SECURITY_STATUS SignFailed(SECURITY_STATUS status)
-{
-    LogMsgError(L"KestalKeyVaultKSPSignHash", static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
-}
-
-SECURITY_STATUS VerifyFailed(SECURITY_STATUS status)
-{
-    LogMsgError(L"KestalKeyVaultKSPVerifySignature", static_cast<DWORD>(status), KSP_LOG_FAILURE);
-    return status;
-}
 
 KVC *ClientOfKey(const KSP_PROVIDER *provider, const KSP_KEY *pKey)
 {
@@ -141,15 +130,15 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!provider || !pKey)
-        return SignFailed(NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_HANDLE);
     if (!pcbResult)
-        return SignFailed(NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_PARAMETER);
     if (dwFlags & ~kSignFlags)
-        return SignFailed(NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_BAD_FLAGS);
     if (!pKey->fFinished)
-        return SignFailed(NTE_BAD_KEY_STATE);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_BAD_KEY_STATE);
     if (!(pKey->dwKeyUsagePolicy & NCRYPT_ALLOW_SIGNING_FLAG))
-        return SignFailed(NTE_PERM);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_PERM);
 
     const KVKey &kvKey = pKey->kvKey;
     if (!pbSignature) {
@@ -163,11 +152,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
     }
     if (!pbHashValue) {
         LogMsg(L"KestalKeyVaultKSPSignHash pbHashValue is NULL", KSP_LOG_FAILURE);
-        return SignFailed(NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_PARAMETER);
     }
     if (cbHashValue == 0) {
         LogMsg(L"KestalKeyVaultKSPSignHash cbHashValue is 0", KSP_LOG_FAILURE);
-        return SignFailed(NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_PARAMETER);
     }
     LogMsgNum(L"KestalKeyVaultKSPSignHash", L"dwFlags ", static_cast<int>(dwFlags), KSP_LOG_STEP);
     LogMsgNum(L"KestalKeyVaultKSPSignHash", kvKey.isEC ? L"ECC cbHashValue" : L"RSA cbHashValue",
@@ -178,28 +167,28 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
         auto *pInfo = static_cast<BCRYPT_PKCS1_PADDING_INFO *>(pPaddingInfo);
         if (!pInfo || !pInfo->pszAlgId) {
             LogMsg(L"KestalKeyVaultKSPSignHash pPaddingInfo or pszAlgId NULL", KSP_LOG_FAILURE);
-            return SignFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
         }
         LogMsg2(L"KestalKeyVaultKSPSignHash", pInfo->pszAlgId, KSP_LOG_STEP);
         if (!MapRsaHash(BCRYPT_PAD_PKCS1, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
             LogMsg2(L"KestalKeyVaultKSPSignHash Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return SignFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
         }
     } else if ((dwFlags & BCRYPT_PAD_PSS) && !kvKey.isEC) {
         auto *pInfo = static_cast<BCRYPT_PSS_PADDING_INFO *>(pPaddingInfo);
         if (!pInfo) {
             LogMsg(L"KestalKeyVaultKSPSignHash pPaddingInfo NULL", KSP_LOG_FAILURE);
-            return SignFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
         }
         // The vault's PS algorithms fix the salt at the hash length: cbSalt is only reported.
         LogMsgNum(L"KestalKeyVaultKSPSignHash", pInfo->pszAlgId, static_cast<int>(pInfo->cbSalt), KSP_LOG_STEP);
         if (!pInfo->pszAlgId) {
             LogMsg2(L"KestalKeyVaultKSPSignHash", L"phashinfo->pszAlgId == NULL", KSP_LOG_FAILURE);
-            return SignFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
         }
         if (!MapRsaHash(BCRYPT_PAD_PSS, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
             LogMsg2(L"KestalKeyVaultKSPSignHash Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return SignFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
         }
     } else if (dwFlags == 0 && kvKey.isEC) {
         EcAlgorithm alg = EcAlgorithmOfName(pKey->szAlgorithm);
@@ -212,14 +201,14 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
             input.pszVaultAlg = EsAlgorithmOfExactName(pKey->szAlgorithm);
             if (!input.pszVaultAlg) {
                 LogMsg2(L"KestalKeyVaultKSPSignHash Bad Alg", pKey->szAlgorithm, KSP_LOG_FAILURE);
-                return SignFailed(NTE_INVALID_PARAMETER);
+                return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_PARAMETER);
             }
             input.pbData = pbHashValue;
             input.cbData = cbHashValue;
         }
     } else {
         LogMsgNum(L"KestalKeyVaultKSPSignHash", L"Bad Flag", static_cast<int>(dwFlags), KSP_LOG_FAILURE);
-        return SignFailed(NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_PARAMETER);
     }
 
     LogMsg(L"KestalKeyVaultKSPSignHash pbSignature is NOT NULL", KSP_LOG_STEP);
@@ -227,13 +216,13 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
     if (!KVCAuthenticate(kvc, nullptr)) {
         LogMsgError(L"KestalKeyVaultKSPSignHash Authenticate Failed ", static_cast<DWORD>(SEC_E_LOGON_DENIED),
                     KSP_LOG_FAILURE);
-        return SignFailed(SEC_E_LOGON_DENIED);
+        return KspFail(L"KestalKeyVaultKSPSignHash", SEC_E_LOGON_DENIED);
     }
     LogMsg2(L"KestalKeyVaultKSPSignHash algId and Data", input.pszVaultAlg, KSP_LOG_STEP);
     *pcbResult = cbSignature;
     SECURITY_STATUS status = KVCCryptoOp(kvc, L"sign", kvKey.name, kvKey.version, FALSE, input.pszVaultAlg,
                                          input.pbData, input.cbData, pbSignature, pcbResult);
-    return status == ERROR_SUCCESS ? status : SignFailed(status);
+    return status == ERROR_SUCCESS ? status : KspFail(L"KestalKeyVaultKSPSignHash", status);
 }
 
 extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPVerifySignature(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey,
@@ -245,13 +234,13 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPVerifySignature(NCRYPT_PROV_H
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!provider || !pKey)
-        return VerifyFailed(NTE_INVALID_HANDLE);
+        return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_INVALID_HANDLE);
     if (!pKey->fFinished)
-        return VerifyFailed(NTE_BAD_KEY_STATE);
+        return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_BAD_KEY_STATE);
     if (!pbHashValue || cbHashValue == 0)
-        return VerifyFailed(NTE_INVALID_PARAMETER);
+        return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_INVALID_PARAMETER);
     if (dwFlags & ~kSignFlags)
-        return VerifyFailed(NTE_BAD_FLAGS);
+        return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_BAD_FLAGS);
     // Anyone may check a signature: the key's usage is not consulted.
 
     const KVKey &kvKey = pKey->kvKey;
@@ -270,41 +259,41 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPVerifySignature(NCRYPT_PROV_H
         auto *pInfo = static_cast<BCRYPT_PKCS1_PADDING_INFO *>(pPaddingInfo);
         if (!pInfo || !pInfo->pszAlgId) {
             LogMsg(L"KestalKeyVaultKSPVerifySignature pPaddingInfo or pszAlgId NULL", KSP_LOG_FAILURE);
-            return VerifyFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
         }
         if (!MapRsaHash(BCRYPT_PAD_PKCS1, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
             LogMsg2(L"KestalKeyVaultKSPVerifySignature Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return VerifyFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
         }
     } else if ((dwFlags & BCRYPT_PAD_PSS) && !kvKey.isEC) {
         auto *pInfo = static_cast<BCRYPT_PSS_PADDING_INFO *>(pPaddingInfo);
         if (!pInfo) {
             LogMsg(L"KestalKeyVaultKSPVerifySignature pPaddingInfo NULL", KSP_LOG_FAILURE);
-            return VerifyFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
         }
         if (!pInfo->pszAlgId) {
             LogMsg2(L"KestalKeyVaultKSPVerifySignature", L"phashinfo->pszAlgId == NULL", KSP_LOG_FAILURE);
-            return VerifyFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
         }
         if (!MapRsaHash(BCRYPT_PAD_PSS, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
             LogMsg2(L"KestalKeyVaultKSPVerifySignature Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return VerifyFailed(NTE_NOT_SUPPORTED);
+            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
         }
     } else {
         LogMsg(L"KestalKeyVaultKSPVerifySignature Non ECC but not BCRYPT_PAD_PKCS1 or BCRYPT_PAD_PSS",
                KSP_LOG_FAILURE);
-        return VerifyFailed(NTE_NOT_SUPPORTED);
+        return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
     }
 
     KVC *kvc = ClientOfKey(provider, pKey);
     if (!KVCAuthenticate(kvc, nullptr)) {
         LogMsgError(L"KestalKeyVaultKSPVerifySignature Authenticate Failed ",
                     static_cast<DWORD>(SEC_E_LOGON_DENIED), KSP_LOG_FAILURE);
-        return VerifyFailed(SEC_E_LOGON_DENIED);
+        return KspFail(L"KestalKeyVaultKSPVerifySignature", SEC_E_LOGON_DENIED);
     }
     // The signature travels as "value" and the hash as "digest"; the verdict is the vault's.
     DWORD cbData = input.cbData;
     SECURITY_STATUS status = KVCCryptoOp(kvc, L"verify", kvKey.name, kvKey.version, TRUE, input.pszVaultAlg,
                                          pbSignature, cbSignature, const_cast<BYTE *>(input.pbData), &cbData);
-    return status < 0 ? VerifyFailed(status) : ERROR_SUCCESS;
+    return status < 0 ? KspFail(L"KestalKeyVaultKSPVerifySignature", status) : ERROR_SUCCESS;
 }

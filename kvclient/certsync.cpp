@@ -11,7 +11,7 @@
 #include <string.h>
 #include <wchar.h>
 
-#include "ksp/ksp.h"
+#include "support/product.h"
 
 namespace {
 

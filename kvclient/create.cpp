@@ -27,9 +27,11 @@ bool Cat(BldStr *pstr, std::initializer_list<const WCHAR *> pieces)
     return true;
 }
 
-// The create body, in the piece order the vault has always been sent:
+// The create body, pieces in this order:
 //   {"kty":"RSA-HSM","key_size":"2048","tags": {"AlgID":"RSA","KeyName":"web"}}
-// The size goes as a JSON string, as it always has (the vault reads both). The names are
+// The size goes as a JSON string, which the vault reads like a number; the "AlgID" tag is what
+// EnumKeys and OpenKey read back to tell ECDSA from ECDH keys. The create-body rows of
+// Create.CreateKeyEncodesAndEscapesTheNameAndFollowsTheCertificateMode pin the bytes. The names are
 // escaped: a quote or backslash in a CNG name must not break the body. Null when out of memory.
 char *PlainKeyBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength, const WCHAR *pszAlgorithm,
                    const WCHAR *pszClearName)

@@ -5,6 +5,7 @@
 #include <string.h>
 #include <wchar.h>
 
+#include "support/handles.h"
 #include "support/log.h"
 
 namespace {
@@ -262,4 +263,25 @@ WCHAR *BytesStrToWStr(const char *psz)
         return nullptr;
     }
     return pwsz;
+}
+
+BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *pszValue)
+{
+    LogMsg2(L"KestalRegSetString", pszValueName, KSP_LOG_TRACE);
+    if (!pszValueName || !pszValue)
+        return FALSE;
+    UniqueRegKey key;
+    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE,
+                               key.put());
+    if (rc != ERROR_SUCCESS) {
+        LogMsgError(L"KestalRegSetString RegOpenKeyExW Failed", static_cast<DWORD>(rc), KSP_LOG_WARNING);
+        return FALSE;
+    }
+    DWORD cb = static_cast<DWORD>((wcslen(pszValue) + 1) * sizeof(WCHAR));
+    rc = RegSetValueExW(key.get(), pszValueName, 0, REG_SZ, reinterpret_cast<const BYTE *>(pszValue), cb);
+    if (rc != ERROR_SUCCESS) {
+        LogMsgError(L"KestalRegSetString RegSetValueExW Failed", static_cast<DWORD>(rc), KSP_LOG_FAILURE);
+        return FALSE;
+    }
+    return TRUE;
 }

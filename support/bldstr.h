@@ -48,3 +48,7 @@ struct FreeDelete {
     void operator()(void *p) const { free(p); }
 };
 template <typename T> using CallocPtr = std::unique_ptr<T, FreeDelete>;
+
+// Writes a REG_SZ under Software\Kestal\KestalKeyVaultKSP of HKEY_LOCAL_MACHINE (fMachine) or
+// HKEY_CURRENT_USER. The key is opened, never created. TRUE when the value was written.
+BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *pszValue);

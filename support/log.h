@@ -5,11 +5,16 @@
 
 #include <stdio.h>
 
+#include "support/product.h"
+
 // Levels callers pass; smaller is more severe.
 enum KSP_LOG_LEVEL {
     KSP_LOG_FAILURE = 1,
     KSP_LOG_WARNING = 2,
     KSP_LOG_ENTRY = 4,
+    // Between CNG calls and steps: the CertSync list FreeKey consults before publishing a key's
+    // certificate; seen from LoggingLevel 6 on without the rest of the steps.
+    KSP_LOG_PUBLISH = 6,
     KSP_LOG_STEP = 8,
     KSP_LOG_TRACE = 10,
 };
@@ -20,8 +25,6 @@ extern int g_EventLogLevel; // EVLoggingLevel
 extern int g_LogLevel;      // the larger of the two: the file's threshold and the cheap pre-filter
 extern WCHAR g_EventSourceName[256]; // EventLog, "Application" when unset
 
-// Where every setting lives, under HKEY_LOCAL_MACHINE or HKEY_CURRENT_USER.
-inline constexpr WCHAR KSP_SETTINGS_KEY[] = L"Software\\Kestal\\KestalKeyVaultKSP";
 
 void LogMsg(const WCHAR *pszMessage, int level);
 void LogMsgError(const WCHAR *pszMessage, DWORD dwError, int level);                         // "%s Error 0x%0x"
