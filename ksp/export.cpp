@@ -2,6 +2,7 @@
 // key record the key object already holds: exporting never calls the vault. Private and wrapped
 // blob types are refused because the private key never leaves Key Vault.
 #include "ksp/ksp.h"
+#include "kvclient/algorithms.h"
 
 #include <string.h>
 #include <wchar.h>
@@ -15,32 +16,16 @@ constexpr const WCHAR *kPrivateBlobTypes[] = {
     NCRYPT_PKCS8_PRIVATE_KEY_BLOB,
 };
 
-struct EccMagic {
-    const WCHAR *pszAlgorithm;
-    ULONG ulMagic;
-};
-constexpr EccMagic kEccMagics[] = {
-    {L"ECDH_P256", BCRYPT_ECDH_PUBLIC_P256_MAGIC},   {L"ECDH_P384", BCRYPT_ECDH_PUBLIC_P384_MAGIC},
-    {L"ECDH_P521", BCRYPT_ECDH_PUBLIC_P521_MAGIC},   {L"ECDSA_P256", BCRYPT_ECDSA_PUBLIC_P256_MAGIC},
-    {L"ECDSA_P384", BCRYPT_ECDSA_PUBLIC_P384_MAGIC}, {L"ECDSA_P521", BCRYPT_ECDSA_PUBLIC_P521_MAGIC},
-};
-
 // The ECC blob magic: by the key's CNG algorithm name when it has one, else by its curve, taken
 // as ECDH when the key may decrypt and as ECDSA otherwise. 0 for names and curves not known.
 ULONG EccMagicOfKey(const KVKey &kvKey)
 {
-    if (kvKey.AlgID[0]) {
-        for (const EccMagic &magic : kEccMagics)
-            if (wcscmp(kvKey.AlgID, magic.pszAlgorithm) == 0)
-                return magic.ulMagic;
-        return 0;
-    }
-    bool ecdh = kvKey.key_ops && wcsstr(kvKey.key_ops, L"decrypt");
-    constexpr const WCHAR *kCurves[] = {L"P-256", L"P-384", L"P-521"};
-    for (size_t i = 0; i < ARRAYSIZE(kCurves); ++i)
-        if (kvKey.crv && wcscmp(kvKey.crv, kCurves[i]) == 0)
-            return kEccMagics[(ecdh ? 0 : 3) + i].ulMagic;
-    return 0;
+    const KVC_ALGORITHM *alg = nullptr;
+    if (kvKey.AlgID[0])
+        alg = KVCAlgorithmByName(kvKey.AlgID);
+    else
+        alg = KVCAlgorithmByCurve(kvKey.crv, kvKey.key_ops && wcsstr(kvKey.key_ops, L"decrypt"));
+    return alg && alg->pszCurve ? alg->ulPublicMagic : 0;
 }
 
 // An RSA modulus is written behind a zero byte unless its length is odd and it already starts

@@ -2,6 +2,7 @@
 // the key itself understands, the list of buffers handed out by EnumKeys, and the process-heap
 // wrappers for memory that crosses the CNG boundary.
 #include "ksp/ksp.h"
+#include "kvclient/algorithms.h"
 
 #include <wincrypt.h>
 #include <dpapi.h>
@@ -30,15 +31,6 @@ void Unlink(LIST_ENTRY *entry)
     entry->Blink->Flink = entry->Flink;
     entry->Flink->Blink = entry->Blink;
 }
-
-struct AlgorithmLength {
-    const WCHAR *pszName;
-    DWORD dwBits;
-};
-constexpr AlgorithmLength kDefaultLengths[] = {
-    {L"RSA", 2048},        {L"ECDSA_P256", 256}, {L"ECDH_P256", 256}, {L"ECDSA_P384", 384},
-    {L"ECDH_P384", 384},   {L"ECDSA_P521", 521}, {L"ECDH_P521", 521},
-};
 
 // Frees a process-heap field and clears it; the step is logged first so a crash names it.
 template <typename T> void FreeField(const WCHAR *pszMessage, int level, T **ppField)
@@ -99,10 +91,8 @@ SECURITY_STATUS SetLength(KSP_KEY *pKey, DWORD dwBits)
         return ERROR_SUCCESS;
     }
     // A curve's size is part of its algorithm name and cannot be changed.
-    constexpr AlgorithmLength kCurves[] = {{L"256", 256}, {L"384", 384}, {L"521", 521}};
-    for (const AlgorithmLength &curve : kCurves)
-        if (wcsstr(pKey->szAlgorithm, curve.pszName))
-            return dwBits == curve.dwBits ? ERROR_SUCCESS : Refuse(L"Length", L"Not Supported", NTE_NOT_SUPPORTED);
+    if (const KVC_ALGORITHM *curve = KVCAlgorithmBySizeIn(pKey->szAlgorithm, FALSE))
+        return dwBits == curve->dwDefaultBits ? ERROR_SUCCESS : Refuse(L"Length", L"Not Supported", NTE_NOT_SUPPORTED);
     return ERROR_SUCCESS;
 }
 
@@ -192,9 +182,8 @@ SECURITY_STATUS CreateNewKeyObject(LPCWSTR pszKeyName, LPCWSTR pszAlgorithm, KSP
         status = NTE_INVALID_PARAMETER;
     } else {
         wcscpy_s(pKey->szAlgorithm, KSP_ALGORITHM_CHARS, pszAlgorithm);
-        for (const AlgorithmLength &alg : kDefaultLengths)
-            if (wcscmp(pszAlgorithm, alg.pszName) == 0)
-                pKey->dwKeyBitLength = alg.dwBits;
+        if (const KVC_ALGORITHM *alg = KVCAlgorithmByName(pszAlgorithm))
+            pKey->dwKeyBitLength = alg->dwDefaultBits;
     }
 
     if (status == ERROR_SUCCESS && pszKeyName) {

@@ -6,6 +6,7 @@
 // The semaphore is released only after a wait that succeeded. Giving back a count that was never
 // taken is not harmless: while another thread holds the lists it would let a third one in.
 #include "ksp/ksp.h"
+#include "kvclient/algorithms.h"
 
 #include <string.h>
 #include <wchar.h>
@@ -105,22 +106,15 @@ SECURITY_STATUS ReadBuiltin(const KSP_KEY *pKey, LPCWSTR pszName, BuiltinValue *
     if (wcscmp(pszName, NCRYPT_LENGTH_PROPERTY) == 0)
         return dword(pKey->dwKeyBitLength);
     if (wcscmp(pszName, NCRYPT_LENGTHS_PROPERTY) == 0) {
-        NCRYPT_SUPPORTED_LENGTHS &lengths = pValue->scratch.lengths;
-        pValue->cb = sizeof(lengths);
-        if (wcscmp(pKey->szAlgorithm, L"RSA") == 0) {
-            lengths = {2048, 4096, 8, 2048};
-            return ERROR_SUCCESS;
-        }
-        constexpr struct {
-            const WCHAR *pszSuffix;
-            DWORD dwBits;
-        } kCurves[] = {{L"256", 256}, {L"384", 384}, {L"521", 521}};
-        for (const auto &curve : kCurves)
-            if (wcsstr(pKey->szAlgorithm, curve.pszSuffix)) {
-                lengths = {curve.dwBits, curve.dwBits, 0, curve.dwBits};
-                return ERROR_SUCCESS;
-            }
-        return NTE_NOT_SUPPORTED;
+        // RSA by its exact name; a curve by the size its name holds.
+        const KVC_ALGORITHM *alg = wcscmp(pKey->szAlgorithm, L"RSA") == 0
+                                       ? KVCAlgorithmByName(L"RSA")
+                                       : KVCAlgorithmBySizeIn(pKey->szAlgorithm, FALSE);
+        if (!alg)
+            return NTE_NOT_SUPPORTED;
+        pValue->scratch.lengths = {alg->dwMinBits, alg->dwMaxBits, alg->dwIncrementBits, alg->dwDefaultBits};
+        pValue->cb = sizeof(pValue->scratch.lengths);
+        return ERROR_SUCCESS;
     }
     if (wcscmp(pszName, NCRYPT_SECURITY_DESCR_PROPERTY) == 0) {
         // An empty descriptor, not the one set on the key: the key's access is the vault's.

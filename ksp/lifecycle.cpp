@@ -2,6 +2,7 @@
 // properties, and reaches the vault only when it is finalized; freeing a key whose certificate
 // was set through CNG first publishes that certificate from the Windows store to the vault.
 #include "ksp/ksp.h"
+#include "kvclient/algorithms.h"
 
 #include <wincrypt.h>
 
@@ -13,9 +14,6 @@
 
 namespace {
 
-constexpr const WCHAR *kAlgorithms[] = {L"RSA",       L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521",
-                                        L"ECDH_P256", L"ECDH_P384",  L"ECDH_P521"};
-
 // What FreeKey reads from the store. A certificate with a 4096-bit key, a chain of names and
 // many extensions still fits in 16 KB; the subject text is the 8000 characters the store lookup
 // writes at most. SHA-1 needs 20 bytes; the rest is room for a longer hash.
@@ -24,13 +22,7 @@ constexpr DWORD kStoreHashBytes = 64;
 constexpr DWORD kStoreSubjectChars = 8000;
 
 
-bool KnownAlgorithm(LPCWSTR pszAlgId)
-{
-    for (const WCHAR *pszName : kAlgorithms)
-        if (wcscmp(pszAlgId, pszName) == 0)
-            return true;
-    return false;
-}
+bool KnownAlgorithm(LPCWSTR pszAlgId) { return KVCAlgorithmByName(pszAlgId) != nullptr; }
 
 // Uploads the store's certificate of the key unless CertSync says it was handled before or the
 // vault already holds the same bytes; either way the hash is then recorded. Failures are only

@@ -1,6 +1,7 @@
 // Opening and enumerating keys: a key handle for a vault key by name, the vault's keys one at a
 // time, the algorithms this provider knows, and the release of what the enumerations handed out.
 #include "ksp/ksp.h"
+#include "kvclient/algorithms.h"
 
 #include <string.h>
 #include <wchar.h>
@@ -26,23 +27,6 @@ struct KSP_KEY_NAME_BLOCK {
 // The status returned when the vault could not list or read the keys being enumerated.
 constexpr SECURITY_STATUS kEnumVaultFailed = static_cast<SECURITY_STATUS>(0x801B8002);
 
-struct AlgorithmEntry {
-    const WCHAR *pszName;
-    DWORD dwClass;
-    DWORD dwOperations;
-};
-constexpr DWORD kRsaOperations = NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION | NCRYPT_SIGNATURE_OPERATION;
-constexpr DWORD kEcdhOperations = NCRYPT_SECRET_AGREEMENT_OPERATION | NCRYPT_SIGNATURE_OPERATION;
-constexpr AlgorithmEntry kAlgorithms[] = {
-    {L"RSA", NCRYPT_ASYMMETRIC_ENCRYPTION_INTERFACE, kRsaOperations},
-    {L"ECDSA_P256", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
-    {L"ECDSA_P384", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
-    {L"ECDSA_P521", NCRYPT_SIGNATURE_INTERFACE, NCRYPT_SIGNATURE_OPERATION},
-    {L"ECDH_P256", NCRYPT_SECRET_AGREEMENT_INTERFACE, kEcdhOperations},
-    {L"ECDH_P384", NCRYPT_SECRET_AGREEMENT_INTERFACE, kEcdhOperations},
-    {L"ECDH_P521", NCRYPT_SECRET_AGREEMENT_INTERFACE, kEcdhOperations},
-};
-constexpr size_t kRsa = 0, kFirstEcdsa = 1, kFirstEcdh = 4, kCurves = 3;
 
 
 bool FlagsAllowed(DWORD dwFlags, DWORD dwAllowed) { return (dwFlags & ~(dwAllowed | NCRYPT_SILENT_FLAG)) == 0; }
@@ -56,12 +40,8 @@ void AlgorithmOfKey(const KVKey *pKey, WCHAR (&szAlgorithm)[KSP_ALGORITHM_CHARS]
         wcscpy_s(szAlgorithm, L"RSA");
     } else if (pKey->AlgID[0]) {
         wcsncpy_s(szAlgorithm, pKey->AlgID, _TRUNCATE);
-    } else if (pKey->crv) {
-        constexpr const WCHAR *kCurveAlgorithms[][2] = {
-            {L"P-256", L"ECDH_P256"}, {L"P-384", L"ECDH_P384"}, {L"P-521", L"ECDH_P521"}};
-        for (const auto &curve : kCurveAlgorithms)
-            if (wcscmp(pKey->crv, curve[0]) == 0)
-                wcscpy_s(szAlgorithm, curve[1]);
+    } else if (const KVC_ALGORITHM *alg = KVCAlgorithmByCurve(pKey->crv, TRUE)) {
+        wcscpy_s(szAlgorithm, alg->pszName);
     }
 }
 
@@ -171,9 +151,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPIsAlgSupported(NCRYPT_PROV_HA
         return KspFail(L"KestalKeyVaultKSPIsAlgSupported", NTE_INVALID_PARAMETER);
     if (!FlagsAllowed(dwFlags, 0))
         return KspFail(L"KestalKeyVaultKSPIsAlgSupported", NTE_BAD_FLAGS);
-    for (const AlgorithmEntry &alg : kAlgorithms)
-        if (wcscmp(pszAlgId, alg.pszName) == 0)
-            return ERROR_SUCCESS;
+    if (KVCAlgorithmByName(pszAlgId))
+        return ERROR_SUCCESS;
     LogMsg2(L"KestalKeyVaultKSPIsAlgSupported Not Supported", pszAlgId, KSP_LOG_FAILURE);
     return NTE_NOT_SUPPORTED;
 }
@@ -191,27 +170,22 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumAlgorithms(NCRYPT_PROV_HA
     if (!FlagsAllowed(dwFlags, 0))
         return KspFail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_BAD_FLAGS);
 
-    const AlgorithmEntry *chosen[ARRAYSIZE(kAlgorithms)];
-    size_t cChosen = 0;
-    auto choose = [&](size_t first, size_t count) {
-        for (size_t i = first; i < first + count; ++i)
-            chosen[cChosen++] = &kAlgorithms[i];
-    };
-    if (dwAlgOperations == 0) {
-        choose(0, ARRAYSIZE(kAlgorithms));
-    } else if (dwAlgOperations & (NCRYPT_SIGNATURE_OPERATION | NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION)) {
-        choose(kRsa, 1);
-        if (dwAlgOperations & NCRYPT_SIGNATURE_OPERATION)
-            choose(kFirstEcdsa, kCurves);
-        if (dwAlgOperations & NCRYPT_SECRET_AGREEMENT_OPERATION)
-            choose(kFirstEcdh, kCurves);
-    } else {
+    // Any operation asked for lists RSA; curves only for their own operation, and key agreement
+    // only alongside signing or encryption.
+    if (dwAlgOperations != 0 &&
+        !(dwAlgOperations & (NCRYPT_SIGNATURE_OPERATION | NCRYPT_ASYMMETRIC_ENCRYPTION_OPERATION)))
         return KspFail(L"KestalKeyVaultKSPEnumAlgorithms", NTE_NOT_SUPPORTED);
+    const KVC_ALGORITHM *chosen[ARRAYSIZE(KVC_ALGORITHMS)];
+    size_t cChosen = 0;
+    for (const KVC_ALGORITHM &alg : KVC_ALGORITHMS) {
+        const DWORD dwCurveOperation = alg.fEcdh ? NCRYPT_SECRET_AGREEMENT_OPERATION : NCRYPT_SIGNATURE_OPERATION;
+        if (dwAlgOperations == 0 || !alg.pszCurve || (dwAlgOperations & dwCurveOperation))
+            chosen[cChosen++] = &alg;
     }
 
     // Room for every entry and every name, whatever was chosen; the unused rest stays 0xCC.
-    SIZE_T cbBlock = sizeof(kAlgorithms) / sizeof(kAlgorithms[0]) * sizeof(NCryptAlgorithmName);
-    for (const AlgorithmEntry &alg : kAlgorithms)
+    SIZE_T cbBlock = ARRAYSIZE(KVC_ALGORITHMS) * sizeof(NCryptAlgorithmName);
+    for (const KVC_ALGORITHM &alg : KVC_ALGORITHMS)
         cbBlock += (wcslen(alg.pszName) + 1) * sizeof(WCHAR);
     auto *pbBlock = static_cast<PBYTE>(KspAlloc(cbBlock));
     if (!pbBlock)
@@ -222,7 +196,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumAlgorithms(NCRYPT_PROV_HA
     for (size_t i = 0; i < cChosen; ++i) {
         size_t cch = wcslen(chosen[i]->pszName) + 1;
         memcpy(pszNames, chosen[i]->pszName, cch * sizeof(WCHAR));
-        pList[i] = {pszNames, chosen[i]->dwClass, chosen[i]->dwOperations, 0};
+        pList[i] = {pszNames, chosen[i]->dwInterface, chosen[i]->dwOperations, 0};
         pszNames += cch;
     }
     *pdwAlgCount = static_cast<DWORD>(cChosen);

@@ -3,6 +3,7 @@
 // wants, and hand the work to KVCCryptoOp. An EC signature is the vault's raw r then s, which is
 // CNG's layout too, so nothing is converted on the way back.
 #include "ksp/ksp.h"
+#include "kvclient/algorithms.h"
 
 #include <string.h>
 #include <wchar.h>
@@ -38,7 +39,6 @@ struct EcAlgorithm {
     const WCHAR *pszVaultAlg;
     DWORD cbHash;
 };
-constexpr EcAlgorithm kEs256 = {L"ES256", 32}, kEs384 = {L"ES384", 48}, kEs512 = {L"ES512", 64};
 
 // What goes to the vault: its algorithm and the bytes to sign or check, which are the caller's
 // hash, a DigestInfo around it, or the hash brought to the curve's length.
@@ -72,14 +72,13 @@ bool MapRsaHash(DWORD dwPadding, LPCWSTR pszHash, const BYTE *pbHash, DWORD cbHa
     return false;
 }
 
-// ES384 or ES512 when the key's algorithm name says so, else ES256.
+// ES384 or ES512 when the key's algorithm name holds that curve's size, else ES256.
 EcAlgorithm EcAlgorithmOfName(const WCHAR *pszAlgorithm)
 {
-    if (wcsstr(pszAlgorithm, L"384"))
-        return kEs384;
-    if (wcsstr(pszAlgorithm, L"521"))
-        return kEs512;
-    return kEs256;
+    const KVC_ALGORITHM *alg = KVCAlgorithmBySizeIn(pszAlgorithm, FALSE);
+    if (!alg)
+        alg = KVCAlgorithmByName(L"ECDSA_P256");
+    return {alg->pszEsAlgorithm, alg->cbEsHash};
 }
 
 // Brings the hash to the algorithm's length inside the scratch buffer: a short hash gets zeros
@@ -103,14 +102,8 @@ void ResizeEcHash(const WCHAR *pszResizeMsg, const WCHAR *pszKeyAlgorithm, const
 // The exact-name check made when an EC hash already has the curve's length.
 const WCHAR *EsAlgorithmOfExactName(const WCHAR *pszAlgorithm)
 {
-    constexpr const WCHAR *kNames[][2] = {
-        {L"ECDH_P256", L"ES256"}, {L"ECDSA_P256", L"ES256"}, {L"ECDH_P384", L"ES384"},
-        {L"ECDSA_P384", L"ES384"}, {L"ECDH_P521", L"ES512"}, {L"ECDSA_P521", L"ES512"},
-    };
-    for (const auto &name : kNames)
-        if (_wcsicmp(pszAlgorithm, name[0]) == 0)
-            return name[1];
-    return nullptr;
+    const KVC_ALGORITHM *alg = KVCAlgorithmByName(pszAlgorithm, TRUE);
+    return alg ? alg->pszEsAlgorithm : nullptr;
 }
 
 

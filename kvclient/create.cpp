@@ -2,6 +2,7 @@
 // plain key itself. Every key is asked for as a hardware-protected ("-HSM") key first; a vault
 // that refuses it (a standard-tier vault answers 403) is asked again for a software key.
 #include "kvclient/kvc.h"
+#include "kvclient/algorithms.h"
 #include "kvclient/kvjson.h"
 
 #include <memory>
@@ -58,16 +59,9 @@ char *PlainKeyBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength, co
 
 KVC_KEY_TYPE KVCKeyTypeFromAlgorithm(const WCHAR *pszAlgorithm)
 {
-    static constexpr struct {
-        const WCHAR *pszAlgorithm;
-        const WCHAR *pszCrv;
-    } kCurves[] = {
-        {L"ECDSA_P256", L"P-256"}, {L"ECDH_P256", L"P-256"}, {L"ECDSA_P384", L"P-384"},
-        {L"ECDH_P384", L"P-384"},  {L"ECDSA_P521", L"P-521"}, {L"ECDH_P521", L"P-521"},
-    };
-    for (const auto &curve : kCurves)
-        if (pszAlgorithm && wcscmp(pszAlgorithm, curve.pszAlgorithm) == 0)
-            return {L"EC", curve.pszCrv};
+    const KVC_ALGORITHM *alg = KVCAlgorithmByName(pszAlgorithm);
+    if (alg && alg->pszCurve)
+        return {L"EC", alg->pszCurve};
     return {L"RSA", nullptr};
 }
 

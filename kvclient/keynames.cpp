@@ -1,6 +1,7 @@
 // Key names and key records: the reversible mapping between free CNG key names and the
 // restricted vault object names, and the parsing of a vault key document into a KVKey.
 #include "kvclient/kvc.h"
+#include "kvclient/algorithms.h"
 #include "kvclient/kvjson.h"
 
 #include <stdlib.h>
@@ -81,22 +82,11 @@ void CopyVersion(const char *pszKid, WCHAR *pszVersion)
         LogMsg(L"KVCParseJSONKey kid version truncated", KSP_LOG_WARNING);
 }
 
-// The curve's size as it appears in an algorithm name, by the first of "256", "384", "521"
-// found in crv; null when none is there.
-const WCHAR *CurveSize(const WCHAR *pszCrv)
+// The algorithm name found for the curve, when one is; the record's name stays otherwise.
+void SetCurveAlgID(KVKey *theKey, const KVC_ALGORITHM *alg)
 {
-    if (!pszCrv)
-        return nullptr;
-    for (const WCHAR *size : {L"256", L"384", L"521"})
-        if (wcsstr(pszCrv, size))
-            return size;
-    return nullptr;
-}
-
-void SetCurveAlgID(KVKey *theKey, const WCHAR *pszPrefix, const WCHAR *pszSize)
-{
-    if (pszSize)
-        _snwprintf_s(theKey->AlgID, KVC_ALGID_CHARS, _TRUNCATE, L"%ls%ls", pszPrefix, pszSize);
+    if (alg)
+        wcscpy_s(theKey->AlgID, KVC_ALGID_CHARS, alg->pszName);
 }
 
 } // namespace
@@ -277,24 +267,17 @@ int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theK
         // The tag only says ECDH or not; the curve comes from the key itself.
         if (!theKey->isEC)
             wcscpy_s(theKey->AlgID, KVC_ALGID_CHARS, L"RSA");
-        else if (wcsstr(theKey->AlgID, L"ECDH"))
-            SetCurveAlgID(theKey, L"ECDH_P", CurveSize(theKey->crv));
         else
-            SetCurveAlgID(theKey, L"ECDSA_P", CurveSize(theKey->crv));
+            SetCurveAlgID(theKey, KVCAlgorithmBySizeIn(theKey->crv, wcsstr(theKey->AlgID, L"ECDH") != nullptr));
     }
     if (theKey->AlgID[0] == 0) {
         // No usable tag: a key that can sign is for signatures, any other EC key for agreement.
         if (!theKey->isEC) {
             wcscpy_s(theKey->AlgID, KVC_ALGID_CHARS, L"RSA");
         } else if (canSign) {
-            SetCurveAlgID(theKey, L"ECDSA_P", CurveSize(theKey->crv));
-        } else if (theKey->crv) {
-            if (wcscmp(theKey->crv, L"P-256") == 0)
-                SetCurveAlgID(theKey, L"ECDH_P", L"256");
-            else if (wcscmp(theKey->crv, L"P-384") == 0)
-                SetCurveAlgID(theKey, L"ECDH_P", L"384");
-            else if (wcscmp(theKey->crv, L"P-521") == 0)
-                SetCurveAlgID(theKey, L"ECDH_P", L"521");
+            SetCurveAlgID(theKey, KVCAlgorithmBySizeIn(theKey->crv, FALSE));
+        } else {
+            SetCurveAlgID(theKey, KVCAlgorithmByCurve(theKey->crv, TRUE));
         }
     }
 
