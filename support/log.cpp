@@ -1,6 +1,7 @@
 // Logging: one line per call to the daily file, and to the event log for the severe levels.
-// Every line reopens the file and rereads LogfilePath, so nothing is held between calls and
-// concurrent writers rely on append mode alone.
+// LogfilePath is read when the module is attached; the day's file stays open for appending and
+// is reopened when the UTC date changes. Each line goes out in one append-only write, so lines of
+// several threads and processes never interleave mid-line.
 #include "support/log.h"
 
 #include <stdlib.h>
@@ -36,32 +37,112 @@ KSP_EVENT_LOG_SEAM g_EventLogSeam = kRealEventLog;
 
 const WCHAR *OrNull(const WCHAR *psz) { return psz ? psz : L"(NULL)"; }
 
-} // namespace
+WCHAR g_szLogDir[256];            // LogfilePath; empty: the root of the current drive
+SRWLOCK g_LogFileLock = SRWLOCK_INIT; // guards the open file and its day
+HANDLE g_hLogFile = INVALID_HANDLE_VALUE;
+long long g_LogFileDay = -1; // the UTC day the open file is named after
 
-void KspSetEventLogSeam(const KSP_EVENT_LOG_SEAM *pSeam) { g_EventLogSeam = pSeam ? *pSeam : kRealEventLog; }
+long long UtcDay(__time64_t now) { return now / 86400; }
 
-FILE *LogOpenFile(void)
+// Today's file name in the log folder; false when the date or name cannot be made.
+bool LogFilePath(__time64_t now, WCHAR (&szPath)[320])
 {
-    // The file is named after the UTC date, while each line carries local time.
-    __time64_t now = KspTime();
     struct tm utc = {};
     if (_gmtime64_s(&utc, &now) != 0)
-        return nullptr;
+        return false;
+    return _snwprintf_s(szPath, ARRAYSIZE(szPath), _TRUNCATE, L"%ls\\%04d-%02d-%02d_KestalKeyVaultKSP.log", g_szLogDir,
+                        utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday) >= 0;
+}
 
-    WCHAR szDir[256] = L""; // 512 bytes
+void CloseLogFile()
+{
+    if (g_hLogFile != INVALID_HANDLE_VALUE)
+        CloseHandle(g_hLogFile);
+    g_hLogFile = INVALID_HANDLE_VALUE;
+    g_LogFileDay = -1;
+}
+
+// Called with the lock held: the file of now's UTC day, opened for appending when needed.
+HANDLE DayFile(__time64_t now)
+{
+    if (g_hLogFile != INVALID_HANDLE_VALUE && g_LogFileDay == UtcDay(now))
+        return g_hLogFile;
+    CloseLogFile();
+    WCHAR szPath[320];
+    if (!LogFilePath(now, szPath))
+        return INVALID_HANDLE_VALUE;
+    // FILE_APPEND_DATA alone makes every write land at the end, whoever else appends meanwhile.
+    g_hLogFile = CreateFileW(szPath, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (g_hLogFile != INVALID_HANDLE_VALUE)
+        g_LogFileDay = UtcDay(now);
+    return g_hLogFile;
+}
+
+// The line as bytes: characters up to U+00FF as themselves, others as "?", and CR LF at the end.
+int NarrowLine(const WCHAR *pszLine, char *pszOut, int cbOut)
+{
+    int cb = 0;
+    for (const WCHAR *p = pszLine; *p && cb < cbOut - 2; ++p)
+        pszOut[cb++] = *p <= 0xFF ? static_cast<char>(*p) : '?';
+    pszOut[cb++] = '\r';
+    pszOut[cb++] = '\n';
+    return cb;
+}
+
+void AppendToLogFile(const WCHAR *pszMessage, int level)
+{
+    __time64_t now = KspTime();
+    struct tm local = {};
+    WCHAR szTime[20] = L"";
+    if (_localtime64_s(&local, &now) == 0)
+        wcsftime(szTime, ARRAYSIZE(szTime), L"%Y-%m-%d %H:%M:%S", &local);
+    WCHAR szLine[kLineChars + 64];
+    _snwprintf_s(szLine, ARRAYSIZE(szLine), _TRUNCATE, L"KestalKeyVaultKSP: %ls %ls %d", szTime, pszMessage, level);
+    char line[kLineChars + 64];
+    const int cb = NarrowLine(szLine, line, sizeof(line));
+    AcquireSRWLockExclusive(&g_LogFileLock);
+    HANDLE hFile = DayFile(now);
+    DWORD cbWritten = 0;
+    if (hFile != INVALID_HANDLE_VALUE)
+        WriteFile(hFile, line, static_cast<DWORD>(cb), &cbWritten, nullptr);
+    ReleaseSRWLockExclusive(&g_LogFileLock);
+}
+
+} // namespace
+
+void LogConfigure(void)
+{
+    WCHAR szDir[ARRAYSIZE(g_szLogDir)] = L"";
     DWORD cbDir = sizeof(szDir);
     DWORD type = 0;
     if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, L"LogfilePath", RRF_RT_ANY | RRF_NOEXPAND, &type, szDir,
                      &cbDir) != ERROR_SUCCESS ||
         type != REG_SZ)
         szDir[0] = 0; // no folder: the root of the current drive
+    AcquireSRWLockExclusive(&g_LogFileLock);
+    CloseLogFile();
+    wcscpy_s(g_szLogDir, szDir);
+    ReleaseSRWLockExclusive(&g_LogFileLock);
+}
 
+void LogClose(void)
+{
+    AcquireSRWLockExclusive(&g_LogFileLock);
+    CloseLogFile();
+    ReleaseSRWLockExclusive(&g_LogFileLock);
+}
+
+void KspSetEventLogSeam(const KSP_EVENT_LOG_SEAM *pSeam) { g_EventLogSeam = pSeam ? *pSeam : kRealEventLog; }
+
+FILE *LogOpenFile(void)
+{
     WCHAR szPath[320];
-    if (_snwprintf_s(szPath, ARRAYSIZE(szPath), _TRUNCATE, L"%ls\\%04d-%02d-%02d_KestalKeyVaultKSP.log", szDir,
-                     utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday) < 0)
-        return nullptr;
+    AcquireSRWLockShared(&g_LogFileLock);
+    const bool fNamed = LogFilePath(KspTime(), szPath);
+    ReleaseSRWLockShared(&g_LogFileLock);
     FILE *pFile = nullptr;
-    if (_wfopen_s(&pFile, szPath, L"a+") != 0)
+    if (!fNamed || _wfopen_s(&pFile, szPath, L"a+") != 0)
         return nullptr;
     return pFile;
 }
@@ -69,18 +150,8 @@ FILE *LogOpenFile(void)
 void LogMsg(const WCHAR *pszMessage, int level)
 {
     pszMessage = OrNull(pszMessage);
-    if (level <= g_LogLevel) {
-        FILE *pFile = LogOpenFile();
-        if (pFile) {
-            __time64_t now = KspTime();
-            struct tm local = {};
-            WCHAR szTime[20] = L"";
-            if (_localtime64_s(&local, &now) == 0)
-                wcsftime(szTime, ARRAYSIZE(szTime), L"%Y-%m-%d %H:%M:%S", &local);
-            fwprintf_s(pFile, L"KestalKeyVaultKSP: %ls %ls %d\n", szTime, pszMessage, level);
-            fclose(pFile);
-        }
-    }
+    if (level <= g_LogLevel)
+        AppendToLogFile(pszMessage, level);
     if (level <= g_EventLogLevel) {
         // Only failures and warnings carry their own type; level 4 is not "information".
         WORD wType = (level == EVENTLOG_ERROR_TYPE || level == EVENTLOG_WARNING_TYPE) ? static_cast<WORD>(level)

@@ -34,6 +34,9 @@ void LogMsgNum(const WCHAR *pszMessage, const WCHAR *pszText, int num, int level
 void LogMsgTrace3(const WCHAR *pszMessage, const WCHAR *pszText);                             // level 10
 void LogMsgAscii(const WCHAR *pszMessage, const char *pszText);                               // level 1
 FILE *LogOpenFile(void); // today's file (UTC date) in LogfilePath, mode "a+"; null when it cannot be opened
+// Reads LogfilePath (module attach); closes the day's file (module detach).
+void LogConfigure(void);
+void LogClose(void);
 
 // Where event-log entries go. Tests replace it to record (type, message); NULL restores
 // RegisterEventSourceW/ReportEventW.

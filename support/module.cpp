@@ -63,6 +63,7 @@ void KspModuleAttach(void)
     if (!g_EventSourceName[0])
         wcscpy_s(g_EventSourceName, ARRAYSIZE(g_EventSourceName), L"Application");
 
+    LogConfigure();
     g_FileLogLevel = ReadLevelSetting(L"LoggingLevel");
     g_LogLevel = g_FileLogLevel;
     // The file follows the event log too: raising EVLoggingLevel alone also fills the file.
@@ -86,5 +87,6 @@ void KspModuleDetach(void)
         CloseHandle(g_hKspSemaphore);
         g_hKspSemaphore = nullptr;
     }
+    LogClose();
     // The event source stays registered: the process is going away.
 }

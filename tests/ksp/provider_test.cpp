@@ -34,6 +34,7 @@ protected:
                       .wstring();
         CreateDirectoryW(logDir_.c_str(), nullptr);
         SetSetting(HKEY_LOCAL_MACHINE, L"LogfilePath", logDir_);
+        LogConfigure(); // the folder is read once, as at module attach
         savedLevel_ = std::exchange(g_LogLevel, 10);
     }
     void TearDown() override
