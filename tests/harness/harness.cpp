@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <stdlib.h>
+#include <time.h>
 #include <stdexcept>
 
 #include "support/log.h"
@@ -250,13 +252,15 @@ std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstri
 }
 
 void ScriptAnswers(const Emulator &emulator, const std::string &service, const std::string &responses,
-                   const std::string &method, const std::string &path)
+                   const std::string &method, const std::string &path, const std::string &bodyContains)
 {
     std::string json = "{\"service\":\"" + service + "\",\"responses\":" + responses;
     if (!method.empty())
         json += ",\"method\":\"" + method + "\"";
     if (!path.empty())
         json += ",\"path\":\"" + path + "\"";
+    if (!bodyContains.empty())
+        json += ",\"bodyContains\":\"" + bodyContains + "\"";
     if (emulator.Call(L"POST", L"/script", json + "}").status != 200)
         throw std::runtime_error("the emulator refused a script: " + json);
 }
@@ -333,14 +337,25 @@ std::wstring GetSetting(HKEY hive, const wchar_t *name)
     return buffer;
 }
 
-std::string ReadTodaysLog(const std::wstring &dir)
+std::string ReadLogs(const std::wstring &dir)
 {
-    SYSTEMTIME utc;
-    GetSystemTime(&utc);
-    wchar_t name[64];
-    swprintf(name, ARRAYSIZE(name), L"\\%04d-%02d-%02d_KestalKeyVaultKSP.log", utc.wYear, utc.wMonth, utc.wDay);
-    return ReadText(dir + name);
+    std::vector<std::wstring> files;
+    WIN32_FIND_DATAW found;
+    HANDLE find = FindFirstFileW((dir + L"\\*_KestalKeyVaultKSP.log").c_str(), &found);
+    if (find != INVALID_HANDLE_VALUE) {
+        do
+            files.push_back(found.cFileName);
+        while (FindNextFileW(find, &found));
+        FindClose(find);
+    }
+    std::sort(files.begin(), files.end()); // named by date
+    std::string text;
+    for (const std::wstring &file : files)
+        text += ReadText(dir + L"\\" + file);
+    return text;
 }
+
+std::string ReadTodaysLog(const std::wstring &dir) { return ReadLogs(dir); }
 
 std::vector<std::string> LogMessages(const std::string &log)
 {
@@ -391,6 +406,33 @@ void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std
         plan += (plan.empty() ? "" : ",") + std::to_string(size);
     if (emulator.Call(L"PUT", L"/vaults/" + vault, "{\"pageSizes\":[" + plan + "]}").status != 200)
         throw std::runtime_error("the emulator refused the page plan");
+}
+
+Bytes ToBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
+
+Bytes WideText(std::wstring_view text)
+{
+    Bytes bytes(reinterpret_cast<const BYTE *>(text.data()), reinterpret_cast<const BYTE *>(text.data() + text.size()));
+    bytes.insert(bytes.end(), sizeof(wchar_t), 0);
+    return bytes;
+}
+
+std::string ToStr(const BYTE *pb, size_t cb) { return std::string(reinterpret_cast<const char *>(pb), cb); }
+
+std::string Hex(std::string_view bytes)
+{
+    std::string out;
+    for (unsigned char c : bytes)
+        out += {"0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 15]};
+    return out;
+}
+
+std::string ToBase64Url(const Bytes &bytes)
+{
+    std::string text = ToBase64(bytes);
+    for (char &c : text)
+        c = c == '+' ? '-' : c == '/' ? '_' : c;
+    return text.substr(0, text.find('='));
 }
 
 std::vector<BYTE> FromBase64(std::string text)
@@ -490,8 +532,10 @@ std::vector<BYTE> ExportKeyBlob(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp, NC
 void VaultProviderTest::SetUp()
 {
     emulator.Reset();
-    ClearSettings(HKEY_LOCAL_MACHINE);
-    ClearSettings(HKEY_CURRENT_USER);
+    if (EnvVar(L"KESTAL_SECOND_PROCESS").empty()) {
+        ClearSettings(HKEY_LOCAL_MACHINE);
+        ClearSettings(HKEY_CURRENT_USER);
+    }
     static int count = 0;
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
@@ -501,6 +545,9 @@ void VaultProviderTest::SetUp()
     SetSetting(HKEY_LOCAL_MACHINE, L"LogfilePath", logDir);
     SetSettingDword(HKEY_LOCAL_MACHINE, L"LoggingLevel", 10);
     KspModuleAttach(); // the core reads its logging settings as the DLL does when loaded
+    g_events.clear();
+    KSP_EVENT_LOG_SEAM seam = {RecordEvent};
+    KspSetEventLogSeam(&seam);
 }
 
 void VaultProviderTest::TearDown()
@@ -509,6 +556,8 @@ void VaultProviderTest::TearDown()
         freeProvider(h);
     open_.clear();
     dll_.reset();
+    KspSetEventLogSeam(nullptr);
+    SetTimeZone("");
     ClearSettings(HKEY_LOCAL_MACHINE);
     ClearSettings(HKEY_CURRENT_USER);
     KspModuleAttach(); // no settings: the core's logging is off again
@@ -561,24 +610,38 @@ NCRYPT_PROV_HANDLE VaultProviderTest::OpenProvider(Via via)
 
 std::vector<std::string> VaultProviderTest::Log(std::string_view prefix) const
 {
-    std::vector<std::wstring> files;
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((logDir + L"\\*.log").c_str(), &found);
-    if (find != INVALID_HANDLE_VALUE) {
-        do
-            files.push_back(found.cFileName);
-        while (FindNextFileW(find, &found));
-        FindClose(find);
-    }
-    std::sort(files.begin(), files.end()); // named by date
-    std::string text;
-    for (const std::wstring &file : files)
-        text += ReadText(logDir + L"\\" + file);
     std::vector<std::string> matching;
-    for (std::string &m : LogMessages(text))
+    for (std::string &m : LogMessages(ReadLogs(logDir)))
         if (m.rfind(prefix, 0) == 0)
             matching.push_back(std::move(m));
     return matching;
+}
+
+void VaultProviderTest::Attach(DWORD loggingLevel, DWORD eventLevel)
+{
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"LoggingLevel", loggingLevel);
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"EVLoggingLevel", eventLevel);
+    KspModuleAttach();
+}
+
+void VaultProviderTest::SetTimeZone(const char *tz)
+{
+    _putenv_s("TZ", tz);
+    _tzset();
+}
+
+std::string VaultProviderTest::ReadLog(const std::wstring &utcDate) const
+{
+    return ReadText(logDir + L"\\" + utcDate + L"_KestalKeyVaultKSP.log");
+}
+
+std::vector<std::string> VaultProviderTest::VaultCalls(std::string_view prefix) const
+{
+    std::vector<std::string> calls;
+    for (const SeenRequest &r : VaultRequests())
+        if ((r.method + " " + r.url).rfind(prefix, 0) == 0)
+            calls.push_back(r.method + " " + r.url);
+    return calls;
 }
 
 KVC *VaultProviderTest::SignedInMachineClient()
@@ -605,11 +668,22 @@ NCRYPT_KEY_HANDLE VaultKeyTest::SeedAndOpen(const std::string &name, const std::
     return h;
 }
 
+NCRYPT_KEY_HANDLE VaultKeyTest::CreateKey(const std::wstring &name, DWORD usage, bool finalize)
+{
+    NCRYPT_KEY_HANDLE h = 0;
+    EXPECT_EQ(Ksp().CreatePersistedKey(provider, &h, L"RSA", name.c_str(), 0, NCRYPT_MACHINE_KEY_FLAG), 0);
+    EXPECT_EQ(Ksp().SetKeyProperty(provider, h, NCRYPT_KEY_USAGE_PROPERTY, reinterpret_cast<BYTE *>(&usage), 4, 0), 0);
+    if (finalize) {
+        EXPECT_EQ(Ksp().FinalizeKey(provider, h, 0), 0);
+    }
+    return h;
+}
+
 std::vector<std::string> VaultKeyTest::CryptoRequests(const char *member) const
 {
     std::vector<std::string> values;
     for (const SeenRequest &r : VaultRequests())
-        if (r.method == "POST")
+        if (r.method == "POST" && r.url.find("/create?") == std::string::npos)
             values.push_back(JsonString(ParseJson(r.body).get(), member));
     return values;
 }
