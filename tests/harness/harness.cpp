@@ -22,19 +22,6 @@ using Internet = std::unique_ptr<void, InternetClose>;
 
 constexpr wchar_t kSettingsKey[] = L"Software\\Kestal\\KestalKeyVaultKSP";
 
-std::wstring QueryRawHeaders(HINTERNET request)
-{
-    DWORD size = 0;
-    WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, nullptr, &size,
-                        WINHTTP_NO_HEADER_INDEX);
-    std::wstring text(size / sizeof(wchar_t), L'\0');
-    if (!WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, text.data(), &size,
-                             WINHTTP_NO_HEADER_INDEX))
-        return L"";
-    text.resize(size / sizeof(wchar_t));
-    return text;
-}
-
 std::string ReadBody(HINTERNET request)
 {
     std::string body;
@@ -124,26 +111,6 @@ std::wstring ExeDir()
     return dir.substr(0, dir.find_last_of(L"\\/"));
 }
 
-std::wstring HttpResult::Header(std::wstring_view name) const
-{
-    size_t start = 0;
-    while (start < rawHeaders.size()) {
-        size_t end = rawHeaders.find(L"\r\n", start);
-        if (end == std::wstring::npos)
-            end = rawHeaders.size();
-        std::wstring_view line(rawHeaders.data() + start, end - start);
-        size_t colon = line.find(L':');
-        if (colon == name.size() && _wcsnicmp(line.data(), name.data(), name.size()) == 0) {
-            std::wstring_view value = line.substr(colon + 1);
-            while (!value.empty() && value.front() == L' ')
-                value.remove_prefix(1);
-            return std::wstring(value);
-        }
-        start = end + 2;
-    }
-    return L"";
-}
-
 HttpResult HttpSend(const HttpRequestSpec &req)
 {
     HttpResult result;
@@ -187,7 +154,6 @@ HttpResult HttpSend(const HttpRequestSpec &req)
     DWORD size = sizeof(result.status);
     WinHttpQueryHeaders(request.get(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, WINHTTP_HEADER_NAME_BY_INDEX,
                         &result.status, &size, WINHTTP_NO_HEADER_INDEX);
-    result.rawHeaders = QueryRawHeaders(request.get());
     result.body = ReadBody(request.get());
     return result;
 }
@@ -476,38 +442,25 @@ std::vector<BYTE> HashOf(const wchar_t *bcryptAlgorithm, std::string_view data)
     return hash;
 }
 
-BcryptKey ImportPublicBlob(const std::vector<BYTE> &blob, NTSTATUS *status)
+BcryptKey ImportPublicBlob(const Bytes &blob, NTSTATUS *status)
 {
+    Bytes copy = blob;
+    if (copy.size() >= 4 && copy[0] == 'E' && copy[1] == 'C' && copy[2] == 'K')
+        copy[2] = 'S'; // ECDH ("ECK1", "ECK3", "ECK5") read as ECDSA of the same curve
     ULONG magic = 0;
-    if (blob.size() >= sizeof(magic))
-        memcpy(&magic, blob.data(), sizeof(magic));
-    const struct {
-        ULONG magic1, magic2;
-        const wchar_t *algorithm, *blobType;
-    } kinds[] = {
-        {BCRYPT_RSAPUBLIC_MAGIC, BCRYPT_RSAPUBLIC_MAGIC, BCRYPT_RSA_ALGORITHM, BCRYPT_RSAPUBLIC_BLOB},
-        {BCRYPT_ECDSA_PUBLIC_P256_MAGIC, BCRYPT_ECDH_PUBLIC_P256_MAGIC, BCRYPT_ECDSA_P256_ALGORITHM,
-         BCRYPT_ECCPUBLIC_BLOB},
-        {BCRYPT_ECDSA_PUBLIC_P384_MAGIC, BCRYPT_ECDH_PUBLIC_P384_MAGIC, BCRYPT_ECDSA_P384_ALGORITHM,
-         BCRYPT_ECCPUBLIC_BLOB},
-        {BCRYPT_ECDSA_PUBLIC_P521_MAGIC, BCRYPT_ECDH_PUBLIC_P521_MAGIC, BCRYPT_ECDSA_P521_ALGORITHM,
-         BCRYPT_ECCPUBLIC_BLOB},
-    };
+    memcpy(&magic, copy.data(), copy.size() >= 4 ? 4 : 0);
+    const wchar_t *algorithm = magic == BCRYPT_RSAPUBLIC_MAGIC          ? BCRYPT_RSA_ALGORITHM
+                               : magic == BCRYPT_ECDSA_PUBLIC_P256_MAGIC ? BCRYPT_ECDSA_P256_ALGORITHM
+                               : magic == BCRYPT_ECDSA_PUBLIC_P384_MAGIC ? BCRYPT_ECDSA_P384_ALGORITHM
+                               : magic == BCRYPT_ECDSA_PUBLIC_P521_MAGIC ? BCRYPT_ECDSA_P521_ALGORITHM
+                                                                         : nullptr;
     NTSTATUS rc = static_cast<NTSTATUS>(0xC000000D); // STATUS_INVALID_PARAMETER: an unknown magic
+    BCRYPT_ALG_HANDLE alg = nullptr;
     BCRYPT_KEY_HANDLE key = nullptr;
-    for (const auto &kind : kinds) {
-        if (magic != kind.magic1 && magic != kind.magic2)
-            continue;
-        std::vector<BYTE> copy = blob;
-        if (magic == kind.magic2 && kind.magic1 != kind.magic2)
-            memcpy(copy.data(), &kind.magic1, sizeof(magic));
-        BCRYPT_ALG_HANDLE alg = nullptr;
-        rc = BCryptOpenAlgorithmProvider(&alg, kind.algorithm, nullptr, 0);
-        if (rc == 0) {
-            rc = BCryptImportKeyPair(alg, nullptr, kind.blobType, &key, copy.data(),
-                                     static_cast<ULONG>(copy.size()), 0);
-            BCryptCloseAlgorithmProvider(alg, 0);
-        }
+    if (algorithm && (rc = BCryptOpenAlgorithmProvider(&alg, algorithm, nullptr, 0)) == 0) {
+        const wchar_t *type = magic == BCRYPT_RSAPUBLIC_MAGIC ? BCRYPT_RSAPUBLIC_BLOB : BCRYPT_ECCPUBLIC_BLOB;
+        rc = BCryptImportKeyPair(alg, nullptr, type, &key, copy.data(), Size(copy), 0);
+        BCryptCloseAlgorithmProvider(alg, 0);
     }
     if (status)
         *status = rc;
@@ -558,8 +511,10 @@ void VaultProviderTest::TearDown()
     dll_.reset();
     KspSetEventLogSeam(nullptr);
     SetTimeZone("");
-    ClearSettings(HKEY_LOCAL_MACHINE);
-    ClearSettings(HKEY_CURRENT_USER);
+    if (EnvVar(L"KESTAL_SECOND_PROCESS").empty()) { // the first process reads what the second left
+        ClearSettings(HKEY_LOCAL_MACHINE);
+        ClearSettings(HKEY_CURRENT_USER);
+    }
     KspModuleAttach(); // no settings: the core's logging is off again
     KspModuleDetach();
 }

@@ -44,8 +44,6 @@ struct HttpResult {
     DWORD error = 0;  // WinHTTP error of a failed exchange, 0 when an answer came back
     DWORD status = 0; // HTTP status
     std::string body;
-    std::wstring rawHeaders; // CR LF separated, status line first
-    std::wstring Header(std::wstring_view name) const; // first value, "" when absent
 };
 
 // One exchange with certificate validation on and no proxy.

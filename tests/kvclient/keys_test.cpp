@@ -34,22 +34,6 @@ protected:
 
 } // namespace
 
-TEST_F(Keys, ListingFollowsEveryNextLinkAndDecodesNamesInTheVaultsOrder)
-{
-    const std::string malformed = "-Az" + std::string(40, 'A'); // a "z" inside a digit group: left out
-    for (const std::string &name : {std::string("alpha"), kMyKeyEncoded, std::string("beta"), malformed})
-        SeedKey(emulator, L"kestaltest", name);
-    SetPageSizes(emulator, L"kestaltest", {2, 1, 1});
-
-    ASSERT_EQ(KVCGetKeys(kvc, &names, &count), 1);
-    EXPECT_EQ(Take(), (std::vector<std::wstring>{L"My Key", L"alpha", L"beta"}));
-    std::vector<SeenRequest> seen = VaultRequests();
-    ASSERT_EQ(seen.size(), 3u);
-    EXPECT_EQ(seen[0].url, "/keys?api-version=2016-10-01");
-    for (int i : {1, 2})
-        EXPECT_EQ(seen[i].url.rfind("/keys?api-version=2016-10-01&$skiptoken=", 0), 0u) << seen[i].url;
-}
-
 TEST_F(Keys, ListingKeepsEarlierPagesOnlyWhenALaterOneStaysThrottled)
 {
     // The link names another host: only its "/keys?" tail is followed, on the client's own vault.
