@@ -24,7 +24,7 @@ protected:
         std::vector<std::string> calls;
         for (const SeenRequest &r : VaultRequests())
             calls.push_back(r.method + " " + r.url);
-        emulator.Call(L"DELETE", L"/requests");
+        ForgetRequests();
         return calls;
     }
 };
@@ -54,7 +54,9 @@ TEST_F(Deletion, NonzeroDoDeletePurgeOnlyDeletesAndAPurgeAloneStillSucceeds)
     EXPECT_EQ(Calls(), std::vector<std::string>{"DELETE /keys/web01?api-version=7.0"});
 
     // Already soft-deleted: the delete's 404 and the purge's 204 free the name.
-    kvc->fPurge = 1;
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"DoDeletePurge", 0);
+    kvc = SignedInMachineClient();
+    Calls();
     EXPECT_EQ(KVCLowLevelDeleteKey(kvc, L"web01"), 1);
     EXPECT_EQ(Calls(), (std::vector<std::string>{"DELETE /keys/web01?api-version=7.0",
                                                  "DELETE /deletedkeys/web01?api-version=7.0"}));
