@@ -146,7 +146,6 @@ TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
         {.name = L"Security Descr", .value = relative, .flags = 0, .want = NTE_BAD_FLAGS},
         {.name = L"PRIVATEBLOB", .value = PrivateBlob(BCRYPT_RSAPRIVATE_MAGIC, 154), .want = NTE_BAD_DATA},
         {.name = L"PRIVATEBLOB", .value = PrivateBlob(BCRYPT_RSAPUBLIC_MAGIC, 155), .want = NTE_BAD_DATA},
-        {.name = L"Name", .value = BytesOf(DWORD{1}), .want = NTE_NOT_SUPPORTED},
         {.name = L"Custom", .value = {1}, .flags = 0x1, .want = NTE_BAD_FLAGS},
         {.name = L"Custom", .value = {1}, .want = NTE_NOT_SUPPORTED}, // not built in, and not only persisted
     };

@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 #include <wincrypt.h>
 
-#include <algorithm>
-
-
 using namespace kestal_test;
 
 namespace {
@@ -147,9 +144,7 @@ TEST_F(Lifecycle, RefusalsAndVaultFailuresLeaveUsableHandles)
     EXPECT_EQ(VaultRequests().size(), 1u);                          // the look for "taken" only
 
     ASSERT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", L"taken", 0, kMachine | NCRYPT_OVERWRITE_KEY_FLAG), 0);
-    emulator.Call(L"POST", L"/script",
-                  R"({"service":"vault","method":"POST","path":"/keys/taken/create",)"
-                  R"("responses":[{"status":500,"body":{}}]})");
+    ScriptAnswers(emulator, "vault", R"([{"status":500,"body":{}}])", "POST", "/keys/taken/create");
     EXPECT_EQ(ksp.FinalizeKey(p, h, 0), NTE_FAIL);
     EXPECT_EQ(ksp.FinalizeKey(p, h, 0), 0); // -HSM refused, then the software key
     EXPECT_EQ(Seen("GET /keys/taken"), 1u);
