@@ -192,11 +192,12 @@ TEST_F(Certs, GetCertPrefersValueOverCerAndReadsTheKeysCollectionInKeyMode)
                Base64("value bytes", true) + R"("}})",
            "/certificates/web");
     Script(Answer("cer", "cer bytes"), "/keys/web");
-    for (DWORD certMode : {1, 0}) {
-        kvc->fCertMode = certMode;
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"CertificatesOrKeys", 1);
+    KVC *keyMode = SignedInMachineClient();
+    for (KVC *client : {kvc, keyMode}) {
         DATA_BLOB blob = {};
-        ASSERT_TRUE(KVCGetCert(kvc, L"web", &blob)) << certMode; // only these paths are scripted
-        EXPECT_EQ(ToStr(blob.pbData, blob.cbData), certMode ? "value bytes" : "cer bytes");
+        ASSERT_TRUE(KVCGetCert(client, L"web", &blob)); // only these paths are scripted
+        EXPECT_EQ(ToStr(blob.pbData, blob.cbData), client == kvc ? "value bytes" : "cer bytes");
         free(blob.pbData);
     }
 }
