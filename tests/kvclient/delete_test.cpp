@@ -68,16 +68,7 @@ TEST_F(Deletion, NonzeroDoDeletePurgeOnlyDeletesAndAPurgeAloneStillSucceeds)
     EXPECT_EQ(KVCKeyDelete(nullptr, kvc), NTE_INTERNAL_ERROR);
 }
 
-TEST_F(Deletion, CertificateModeDeletesAndPurgesTheCertificateWithItsKey)
-{
-    KVC *kvc = Client(0);
-    ASSERT_EQ(emulator.Call(L"POST", L"/vaults/kestaltest/certificates", R"({"name":"web01"})").status, 200u);
-    Calls();
-    EXPECT_EQ(KVCKeyDelete(L"web01", kvc), 0);
-    EXPECT_EQ(Calls(), (std::vector<std::string>{"DELETE /certificates/web01?api-version=7.0",
-                                                 "DELETE /deletedcertificates/web01?api-version=7.0"}));
-}
-
+// (A certificate-backed key is deleted and purged with its certificate: the provider's lifecycle test.)
 TEST_F(Deletion, ThrottlingAndConflictsShareOneDoublingWaitAndBothAreBounded)
 {
     KVC *kvc = Client();
