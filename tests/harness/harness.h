@@ -152,7 +152,10 @@ Bytes ToBytes(std::string_view text);
 Bytes WideText(std::wstring_view text); // UTF-16 with its terminator, as CNG hands text over
 std::string ToStr(const BYTE *pb, size_t cb);
 std::string Hex(std::string_view bytes); // upper case
-inline std::string Hex(const Bytes &bytes) { return Hex(std::string_view(reinterpret_cast<const char *>(bytes.data()), bytes.size())); }
+inline std::string Hex(const Bytes &bytes)
+{
+    return Hex(std::string_view(reinterpret_cast<const char *>(bytes.data()), bytes.size()));
+}
 Bytes FromBase64(std::string text); // standard or URL-safe alphabet, padding optional
 std::string ToBase64(const Bytes &bytes); // standard alphabet with padding
 std::string ToBase64Url(const Bytes &bytes); // URL-safe alphabet, no padding
