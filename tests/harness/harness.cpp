@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <stdlib.h>
+#include <time.h>
 #include <stdexcept>
 
 #include "support/log.h"
@@ -19,19 +21,6 @@ struct InternetClose {
 using Internet = std::unique_ptr<void, InternetClose>;
 
 constexpr wchar_t kSettingsKey[] = L"Software\\Kestal\\KestalKeyVaultKSP";
-
-std::wstring QueryRawHeaders(HINTERNET request)
-{
-    DWORD size = 0;
-    WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, nullptr, &size,
-                        WINHTTP_NO_HEADER_INDEX);
-    std::wstring text(size / sizeof(wchar_t), L'\0');
-    if (!WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, text.data(), &size,
-                             WINHTTP_NO_HEADER_INDEX))
-        return L"";
-    text.resize(size / sizeof(wchar_t));
-    return text;
-}
 
 std::string ReadBody(HINTERNET request)
 {
@@ -122,26 +111,6 @@ std::wstring ExeDir()
     return dir.substr(0, dir.find_last_of(L"\\/"));
 }
 
-std::wstring HttpResult::Header(std::wstring_view name) const
-{
-    size_t start = 0;
-    while (start < rawHeaders.size()) {
-        size_t end = rawHeaders.find(L"\r\n", start);
-        if (end == std::wstring::npos)
-            end = rawHeaders.size();
-        std::wstring_view line(rawHeaders.data() + start, end - start);
-        size_t colon = line.find(L':');
-        if (colon == name.size() && _wcsnicmp(line.data(), name.data(), name.size()) == 0) {
-            std::wstring_view value = line.substr(colon + 1);
-            while (!value.empty() && value.front() == L' ')
-                value.remove_prefix(1);
-            return std::wstring(value);
-        }
-        start = end + 2;
-    }
-    return L"";
-}
-
 HttpResult HttpSend(const HttpRequestSpec &req)
 {
     HttpResult result;
@@ -185,7 +154,6 @@ HttpResult HttpSend(const HttpRequestSpec &req)
     DWORD size = sizeof(result.status);
     WinHttpQueryHeaders(request.get(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, WINHTTP_HEADER_NAME_BY_INDEX,
                         &result.status, &size, WINHTTP_NO_HEADER_INDEX);
-    result.rawHeaders = QueryRawHeaders(request.get());
     result.body = ReadBody(request.get());
     return result;
 }
@@ -251,13 +219,15 @@ std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstri
 }
 
 void ScriptAnswers(const Emulator &emulator, const std::string &service, const std::string &responses,
-                   const std::string &method, const std::string &path)
+                   const std::string &method, const std::string &path, const std::string &bodyContains)
 {
     std::string json = "{\"service\":\"" + service + "\",\"responses\":" + responses;
     if (!method.empty())
         json += ",\"method\":\"" + method + "\"";
     if (!path.empty())
         json += ",\"path\":\"" + path + "\"";
+    if (!bodyContains.empty())
+        json += ",\"bodyContains\":\"" + bodyContains + "\"";
     if (emulator.Call(L"POST", L"/script", json + "}").status != 200)
         throw std::runtime_error("the emulator refused a script: " + json);
 }
@@ -334,14 +304,25 @@ std::wstring GetSetting(HKEY hive, const wchar_t *name)
     return buffer;
 }
 
-std::string ReadTodaysLog(const std::wstring &dir)
+std::string ReadLogs(const std::wstring &dir)
 {
-    SYSTEMTIME utc;
-    GetSystemTime(&utc);
-    wchar_t name[64];
-    swprintf(name, ARRAYSIZE(name), L"\\%04d-%02d-%02d_KestalKeyVaultKSP.log", utc.wYear, utc.wMonth, utc.wDay);
-    return ReadText(dir + name);
+    std::vector<std::wstring> files;
+    WIN32_FIND_DATAW found;
+    HANDLE find = FindFirstFileW((dir + L"\\*_KestalKeyVaultKSP.log").c_str(), &found);
+    if (find != INVALID_HANDLE_VALUE) {
+        do
+            files.push_back(found.cFileName);
+        while (FindNextFileW(find, &found));
+        FindClose(find);
+    }
+    std::sort(files.begin(), files.end()); // named by date
+    std::string text;
+    for (const std::wstring &file : files)
+        text += ReadText(dir + L"\\" + file);
+    return text;
 }
+
+std::string ReadTodaysLog(const std::wstring &dir) { return ReadLogs(dir); }
 
 std::vector<std::string> LogMessages(const std::string &log)
 {
@@ -394,6 +375,33 @@ void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std
         throw std::runtime_error("the emulator refused the page plan");
 }
 
+Bytes ToBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
+
+Bytes WideText(std::wstring_view text)
+{
+    Bytes bytes(reinterpret_cast<const BYTE *>(text.data()), reinterpret_cast<const BYTE *>(text.data() + text.size()));
+    bytes.insert(bytes.end(), sizeof(wchar_t), 0);
+    return bytes;
+}
+
+std::string ToStr(const BYTE *pb, size_t cb) { return std::string(reinterpret_cast<const char *>(pb), cb); }
+
+std::string Hex(std::string_view bytes)
+{
+    std::string out;
+    for (unsigned char c : bytes)
+        out += {"0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 15]};
+    return out;
+}
+
+std::string ToBase64Url(const Bytes &bytes)
+{
+    std::string text = ToBase64(bytes);
+    for (char &c : text)
+        c = c == '+' ? '-' : c == '/' ? '_' : c;
+    return text.substr(0, text.find('='));
+}
+
 std::vector<BYTE> FromBase64(std::string text)
 {
     for (char &c : text)
@@ -435,38 +443,25 @@ std::vector<BYTE> HashOf(const wchar_t *bcryptAlgorithm, std::string_view data)
     return hash;
 }
 
-BcryptKey ImportPublicBlob(const std::vector<BYTE> &blob, NTSTATUS *status)
+BcryptKey ImportPublicBlob(const Bytes &blob, NTSTATUS *status)
 {
+    Bytes copy = blob;
+    if (copy.size() >= 4 && copy[0] == 'E' && copy[1] == 'C' && copy[2] == 'K')
+        copy[2] = 'S'; // ECDH ("ECK1", "ECK3", "ECK5") read as ECDSA of the same curve
     ULONG magic = 0;
-    if (blob.size() >= sizeof(magic))
-        memcpy(&magic, blob.data(), sizeof(magic));
-    const struct {
-        ULONG magic1, magic2;
-        const wchar_t *algorithm, *blobType;
-    } kinds[] = {
-        {BCRYPT_RSAPUBLIC_MAGIC, BCRYPT_RSAPUBLIC_MAGIC, BCRYPT_RSA_ALGORITHM, BCRYPT_RSAPUBLIC_BLOB},
-        {BCRYPT_ECDSA_PUBLIC_P256_MAGIC, BCRYPT_ECDH_PUBLIC_P256_MAGIC, BCRYPT_ECDSA_P256_ALGORITHM,
-         BCRYPT_ECCPUBLIC_BLOB},
-        {BCRYPT_ECDSA_PUBLIC_P384_MAGIC, BCRYPT_ECDH_PUBLIC_P384_MAGIC, BCRYPT_ECDSA_P384_ALGORITHM,
-         BCRYPT_ECCPUBLIC_BLOB},
-        {BCRYPT_ECDSA_PUBLIC_P521_MAGIC, BCRYPT_ECDH_PUBLIC_P521_MAGIC, BCRYPT_ECDSA_P521_ALGORITHM,
-         BCRYPT_ECCPUBLIC_BLOB},
-    };
+    memcpy(&magic, copy.data(), copy.size() >= 4 ? 4 : 0);
+    const wchar_t *algorithm = magic == BCRYPT_RSAPUBLIC_MAGIC          ? BCRYPT_RSA_ALGORITHM
+                               : magic == BCRYPT_ECDSA_PUBLIC_P256_MAGIC ? BCRYPT_ECDSA_P256_ALGORITHM
+                               : magic == BCRYPT_ECDSA_PUBLIC_P384_MAGIC ? BCRYPT_ECDSA_P384_ALGORITHM
+                               : magic == BCRYPT_ECDSA_PUBLIC_P521_MAGIC ? BCRYPT_ECDSA_P521_ALGORITHM
+                                                                         : nullptr;
     NTSTATUS rc = static_cast<NTSTATUS>(0xC000000D); // STATUS_INVALID_PARAMETER: an unknown magic
+    BCRYPT_ALG_HANDLE alg = nullptr;
     BCRYPT_KEY_HANDLE key = nullptr;
-    for (const auto &kind : kinds) {
-        if (magic != kind.magic1 && magic != kind.magic2)
-            continue;
-        std::vector<BYTE> copy = blob;
-        if (magic == kind.magic2 && kind.magic1 != kind.magic2)
-            memcpy(copy.data(), &kind.magic1, sizeof(magic));
-        BCRYPT_ALG_HANDLE alg = nullptr;
-        rc = BCryptOpenAlgorithmProvider(&alg, kind.algorithm, nullptr, 0);
-        if (rc == 0) {
-            rc = BCryptImportKeyPair(alg, nullptr, kind.blobType, &key, copy.data(),
-                                     static_cast<ULONG>(copy.size()), 0);
-            BCryptCloseAlgorithmProvider(alg, 0);
-        }
+    if (algorithm && (rc = BCryptOpenAlgorithmProvider(&alg, algorithm, nullptr, 0)) == 0) {
+        const wchar_t *type = magic == BCRYPT_RSAPUBLIC_MAGIC ? BCRYPT_RSAPUBLIC_BLOB : BCRYPT_ECCPUBLIC_BLOB;
+        rc = BCryptImportKeyPair(alg, nullptr, type, &key, copy.data(), Size(copy), 0);
+        BCryptCloseAlgorithmProvider(alg, 0);
     }
     if (status)
         *status = rc;
@@ -491,8 +486,10 @@ std::vector<BYTE> ExportKeyBlob(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp, NC
 void VaultProviderTest::SetUp()
 {
     emulator.Reset();
-    ClearSettings(HKEY_LOCAL_MACHINE);
-    ClearSettings(HKEY_CURRENT_USER);
+    if (EnvVar(L"KESTAL_SECOND_PROCESS").empty()) {
+        ClearSettings(HKEY_LOCAL_MACHINE);
+        ClearSettings(HKEY_CURRENT_USER);
+    }
     static int count = 0;
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
@@ -502,6 +499,9 @@ void VaultProviderTest::SetUp()
     SetSetting(HKEY_LOCAL_MACHINE, L"LogfilePath", logDir);
     SetSettingDword(HKEY_LOCAL_MACHINE, L"LoggingLevel", 10);
     KspModuleAttach(); // the core reads its logging settings as the DLL does when loaded
+    g_events.clear();
+    KSP_EVENT_LOG_SEAM seam = {RecordEvent};
+    KspSetEventLogSeam(&seam);
 }
 
 void VaultProviderTest::TearDown()
@@ -510,8 +510,12 @@ void VaultProviderTest::TearDown()
         freeProvider(h);
     open_.clear();
     dll_.reset();
-    ClearSettings(HKEY_LOCAL_MACHINE);
-    ClearSettings(HKEY_CURRENT_USER);
+    KspSetEventLogSeam(nullptr);
+    SetTimeZone("");
+    if (EnvVar(L"KESTAL_SECOND_PROCESS").empty()) { // the first process reads what the second left
+        ClearSettings(HKEY_LOCAL_MACHINE);
+        ClearSettings(HKEY_CURRENT_USER);
+    }
     KspModuleAttach(); // no settings: the core's logging is off again
     KspModuleDetach();
 }
@@ -562,24 +566,38 @@ NCRYPT_PROV_HANDLE VaultProviderTest::OpenProvider(Via via)
 
 std::vector<std::string> VaultProviderTest::Log(std::string_view prefix) const
 {
-    std::vector<std::wstring> files;
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((logDir + L"\\*.log").c_str(), &found);
-    if (find != INVALID_HANDLE_VALUE) {
-        do
-            files.push_back(found.cFileName);
-        while (FindNextFileW(find, &found));
-        FindClose(find);
-    }
-    std::sort(files.begin(), files.end()); // named by date
-    std::string text;
-    for (const std::wstring &file : files)
-        text += ReadText(logDir + L"\\" + file);
     std::vector<std::string> matching;
-    for (std::string &m : LogMessages(text))
+    for (std::string &m : LogMessages(ReadLogs(logDir)))
         if (m.rfind(prefix, 0) == 0)
             matching.push_back(std::move(m));
     return matching;
+}
+
+void VaultProviderTest::Attach(DWORD loggingLevel, DWORD eventLevel)
+{
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"LoggingLevel", loggingLevel);
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"EVLoggingLevel", eventLevel);
+    KspModuleAttach();
+}
+
+void VaultProviderTest::SetTimeZone(const char *tz)
+{
+    _putenv_s("TZ", tz);
+    _tzset();
+}
+
+std::string VaultProviderTest::ReadLog(const std::wstring &utcDate) const
+{
+    return ReadText(logDir + L"\\" + utcDate + L"_KestalKeyVaultKSP.log");
+}
+
+std::vector<std::string> VaultProviderTest::VaultCalls(std::string_view prefix) const
+{
+    std::vector<std::string> calls;
+    for (const SeenRequest &r : VaultRequests())
+        if ((r.method + " " + r.url).rfind(prefix, 0) == 0)
+            calls.push_back(r.method + " " + r.url);
+    return calls;
 }
 
 KVC *VaultProviderTest::SignedInMachineClient()
@@ -606,11 +624,22 @@ NCRYPT_KEY_HANDLE VaultKeyTest::SeedAndOpen(const std::string &name, const std::
     return h;
 }
 
+NCRYPT_KEY_HANDLE VaultKeyTest::CreateKey(const std::wstring &name, DWORD usage, bool finalize)
+{
+    NCRYPT_KEY_HANDLE h = 0;
+    EXPECT_EQ(Ksp().CreatePersistedKey(provider, &h, L"RSA", name.c_str(), 0, NCRYPT_MACHINE_KEY_FLAG), 0);
+    EXPECT_EQ(Ksp().SetKeyProperty(provider, h, NCRYPT_KEY_USAGE_PROPERTY, reinterpret_cast<BYTE *>(&usage), 4, 0), 0);
+    if (finalize) {
+        EXPECT_EQ(Ksp().FinalizeKey(provider, h, 0), 0);
+    }
+    return h;
+}
+
 std::vector<std::string> VaultKeyTest::CryptoRequests(const char *member) const
 {
     std::vector<std::string> values;
     for (const SeenRequest &r : VaultRequests())
-        if (r.method == "POST")
+        if (r.method == "POST" && r.url.find("/create?") == std::string::npos)
             values.push_back(JsonString(ParseJson(r.body).get(), member));
     return values;
 }

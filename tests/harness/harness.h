@@ -44,8 +44,6 @@ struct HttpResult {
     DWORD error = 0;  // WinHTTP error of a failed exchange, 0 when an answer came back
     DWORD status = 0; // HTTP status
     std::string body;
-    std::wstring rawHeaders; // CR LF separated, status line first
-    std::wstring Header(std::wstring_view name) const; // first value, "" when absent
 };
 
 // One exchange with certificate validation on and no proxy.
@@ -75,9 +73,10 @@ struct SeenRequest {
     std::vector<std::string> SentHeaders() const;
 };
 std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstring &service);
-// Queues answers (a JSON array) for one service, optionally for one method and path only.
+// Queues answers (a JSON array) for one service, optionally for one method and path, or bodies
+// that contain a text, only.
 void ScriptAnswers(const Emulator &emulator, const std::string &service, const std::string &responses,
-                   const std::string &method = "", const std::string &path = "");
+                   const std::string &method = "", const std::string &path = "", const std::string &bodyContains = "");
 
 // A vault client record owned by a test.
 struct KvcDelete {
@@ -106,10 +105,21 @@ void SetSetting(HKEY hive, const wchar_t *name, const std::wstring &value);
 void SetSettingDword(HKEY hive, const wchar_t *name, DWORD value);
 std::wstring GetSetting(HKEY hive, const wchar_t *name); // "" when absent or not REG_SZ
 
-// ---- The daily log file -----------------------------------------------------------------
-std::string ReadTodaysLog(const std::wstring &dir); // the file named after today's UTC date
+// ---- The daily log files ----------------------------------------------------------------
+// Every log file of the folder, oldest first: a test that runs across midnight UTC writes two.
+std::string ReadLogs(const std::wstring &dir);
+std::string ReadTodaysLog(const std::wstring &dir); // the older name of ReadLogs: every day's file
 // The "message level" part of every line of a log text, in order.
 std::vector<std::string> LogMessages(const std::string &log);
+
+// The event log, recorded through its seam while a VaultProviderTest runs.
+struct RecordedEvent {
+    WORD type;
+    std::wstring message;
+    bool operator==(const RecordedEvent &) const = default;
+};
+inline std::vector<RecordedEvent> g_events;
+inline void RecordEvent(WORD wType, const WCHAR *pszMessage) { g_events.push_back({wType, pszMessage}); }
 
 // ---- Time: replaces the core's sleep and clock for the life of the object -------------
 class FakeTime {
@@ -133,8 +143,23 @@ Json SeedKey(const Emulator &emulator, const std::wstring &vault, const std::str
 void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std::vector<int> &pageSizes);
 
 // ---- Bytes, and Windows' own cryptography to check the provider against ---------------------
-std::vector<BYTE> FromBase64(std::string text); // standard or URL-safe alphabet, padding optional
-std::string ToBase64(const std::vector<BYTE> &bytes); // standard alphabet with padding
+using Bytes = std::vector<BYTE>;
+template <typename T> Bytes BytesOf(const T &value) // the raw bytes of a value
+{
+    return Bytes(reinterpret_cast<const BYTE *>(&value), reinterpret_cast<const BYTE *>(&value + 1));
+}
+template <typename C> DWORD Size(const C &bytes) { return static_cast<DWORD>(bytes.size()); }
+Bytes ToBytes(std::string_view text);
+Bytes WideText(std::wstring_view text); // UTF-16 with its terminator, as CNG hands text over
+std::string ToStr(const BYTE *pb, size_t cb);
+std::string Hex(std::string_view bytes); // upper case
+inline std::string Hex(const Bytes &bytes)
+{
+    return Hex(std::string_view(reinterpret_cast<const char *>(bytes.data()), bytes.size()));
+}
+Bytes FromBase64(std::string text); // standard or URL-safe alphabet, padding optional
+std::string ToBase64(const Bytes &bytes); // standard alphabet with padding
+std::string ToBase64Url(const Bytes &bytes); // URL-safe alphabet, no padding
 std::vector<BYTE> HashOf(const wchar_t *bcryptAlgorithm, std::string_view data);
 
 struct BcryptKeyDestroy {
@@ -150,10 +175,12 @@ std::vector<BYTE> ExportKeyBlob(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp, NC
 
 // ---- A provider opened against the emulated vault -----------------------------------------
 // Each test starts with the emulator reset, both settings hives empty, logging at level 10 into
-// a fresh folder (for the DLL and the core alike) and fake time for the core. UseVault points a
-// scope at a vault with a client secret the emulator knows; OpenProvider opens a provider
-// through the loaded DLL's function table, or through the core linked into the test, where
-// FakeTime sees every wait. Providers are freed, and the DLL unloaded, at the end of the test.
+// a fresh folder (for the DLL and the core alike), the core's event log recorded in g_events
+// and fake time for the core. UseVault points a scope at a vault with a client secret the
+// emulator knows; OpenProvider opens a provider through the loaded DLL's function table, or
+// through the core linked into the test, where FakeTime sees every wait. Providers are freed,
+// and the DLL unloaded, at the end of the test. A test that runs itself again in a second
+// process sets KESTAL_SECOND_PROCESS there: that process keeps the settings the first one left.
 class VaultProviderTest : public ::testing::Test {
 protected:
     enum class Via { Dll, Core };
@@ -174,8 +201,15 @@ protected:
     // The messages ("text level") of every log file in the folder, oldest file first, that
     // begin with prefix.
     std::vector<std::string> Log(std::string_view prefix = "") const;
-    // Requests the vault service saw.
+    // Rereads the logging settings, as loading the module does, with these two levels.
+    void Attach(DWORD loggingLevel, DWORD eventLevel);
+    static void SetTimeZone(const char *tz); // Wine's msvcrt honours TZ in _tzset
+    // The raw bytes of the log named after a UTC date such as L"2023-11-14".
+    std::string ReadLog(const std::wstring &utcDate) const;
+    // Requests the vault service saw; as "METHOD url" those that begin with prefix.
     std::vector<SeenRequest> VaultRequests() const { return SeenRequests(emulator, L"vault"); }
+    std::vector<std::string> VaultCalls(std::string_view prefix = "") const;
+    void ForgetRequests() const { emulator.Call(L"DELETE", L"/requests"); }
 
     Emulator emulator;
     FakeTime time;
@@ -186,6 +220,12 @@ private:
     std::vector<std::pair<NCryptFreeProviderFn, NCRYPT_PROV_HANDLE>> open_;
 };
 
+// The log tests' older name for the fixture, with the folder also as dir_.
+class LogFolderTest : public VaultProviderTest {
+protected:
+    const std::wstring &dir_ = logDir;
+};
+
 // A provider opened through the DLL with vault "kestaltest" for the machine scope (plain keys),
 // and keys seeded there and opened by name.
 class VaultKeyTest : public VaultProviderTest {
@@ -194,7 +234,11 @@ protected:
     // Seeds the key (members as for SeedKey), opens it with NCRYPT_MACHINE_KEY_FLAG; the emulator's
     // KeyBundle in *bundle when asked for.
     NCRYPT_KEY_HANDLE SeedAndOpen(const std::string &name, const std::string &members, Json *bundle = nullptr);
-    // One member ("alg", "value", "digest") of every crypto request (POST) the vault saw, oldest first.
+    // A machine RSA key created through the provider with this key usage, finalized (made in the
+    // vault) when asked.
+    NCRYPT_KEY_HANDLE CreateKey(const std::wstring &name, DWORD usage, bool finalize = true);
+    // One member ("alg", "value", "digest") of every crypto request (a POST other than a creation)
+    // the vault saw, oldest first.
     std::vector<std::string> CryptoRequests(const char *member = "alg") const;
 
     NCRYPT_PROV_HANDLE provider = 0;

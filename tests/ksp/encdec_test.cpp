@@ -9,23 +9,13 @@ namespace {
 constexpr DWORD kOaep = NCRYPT_PAD_OAEP_FLAG, kPkcs1 = NCRYPT_PAD_PKCS1_FLAG;
 constexpr NTSTATUS kStatusNotImplemented = static_cast<NTSTATUS>(0xC0000002);
 
-std::vector<BYTE> Text(const std::string &text) { return std::vector<BYTE>(text.begin(), text.end()); }
-
-std::string Base64Url(std::vector<BYTE> bytes)
-{
-    std::string text = ToBase64(bytes);
-    for (char &c : text)
-        c = c == '+' ? '-' : c == '/' ? '_' : c;
-    return text.substr(0, text.find('='));
-}
-
 class EncDec : public VaultKeyTest {
 protected:
     // Encrypt or Decrypt through the DLL; the result's bytes, empty on failure.
-    std::vector<BYTE> Run(bool decrypt, NCRYPT_KEY_HANDLE key, std::vector<BYTE> input, DWORD flags,
+    Bytes Run(bool decrypt, NCRYPT_KEY_HANDLE key, Bytes input, DWORD flags,
                           SECURITY_STATUS *status)
     {
-        std::vector<BYTE> output(1024);
+        Bytes output(1024);
         DWORD cb = 0;
         *status = (decrypt ? Ksp().Decrypt : Ksp().Encrypt)(
             provider, key, input.data(), static_cast<DWORD>(input.size()), nullptr, output.data(), 1024, &cb, flags);
@@ -34,14 +24,14 @@ protected:
     }
     // RSA-OAEP by an encrypter that knows only the exported blob: the emulated vault, given the
     // blob's exponent and modulus as a public-only key of its own.
-    std::vector<BYTE> EncryptWithPublicBlob(const std::vector<BYTE> &blob, const std::string &name,
-                                            const std::vector<BYTE> &plain)
+    Bytes EncryptWithPublicBlob(const Bytes &blob, const std::string &name,
+                                            const Bytes &plain)
     {
         auto exponent = blob.begin() + sizeof(BCRYPT_RSAKEY_BLOB);
         auto modulus = exponent + reinterpret_cast<const BCRYPT_RSAKEY_BLOB *>(blob.data())->cbPublicExp;
         NCRYPT_KEY_HANDLE mirror = SeedAndOpen(name + "-public", R"("jwk":{"kty":"RSA","e":")" +
-                                                                     Base64Url({exponent, modulus}) + R"(","n":")" +
-                                                                     Base64Url({modulus, blob.end()}) + R"("})");
+                                                                     ToBase64Url({exponent, modulus}) + R"(","n":")" +
+                                                                     ToBase64Url({modulus, blob.end()}) + R"("})");
         SECURITY_STATUS status = 0;
         return Run(false, mirror, plain, kOaep, &status);
     }
@@ -59,12 +49,12 @@ TEST_F(EncDec, WindowsAndTheProviderEncryptForTheVaultToDecrypt)
     for (DWORD bits : {2048u, 3072u, 4096u}) {
         std::string name = "rsa" + std::to_string(bits);
         NCRYPT_KEY_HANDLE key = SeedAndOpen(name, R"("kty":"RSA","key_size":)" + std::to_string(bits));
-        std::vector<BYTE> blob = ExportKeyBlob(Ksp(), provider, key, BCRYPT_RSAPUBLIC_BLOB);
+        Bytes blob = ExportKeyBlob(Ksp(), provider, key, BCRYPT_RSAPUBLIC_BLOB);
         BcryptKey local = ImportPublicBlob(blob);
         ASSERT_TRUE(local) << name;
         for (const Row &row : rows) {
             SCOPED_TRACE(name + " flags " + std::to_string(row.flags));
-            std::vector<BYTE> plain = Text("a session key for " + name), cipher(bits / 8);
+            Bytes plain = ToBytes("a session key for " + name), cipher(bits / 8);
             BCRYPT_OAEP_PADDING_INFO oaep = {BCRYPT_SHA1_ALGORITHM, nullptr, 0}; // the vault's RSA-OAEP
             ULONG cb = 0;
             NTSTATUS encrypted = BCryptEncrypt(local.get(), plain.data(), static_cast<ULONG>(plain.size()),
@@ -90,48 +80,44 @@ TEST_F(EncDec, WindowsAndTheProviderEncryptForTheVaultToDecrypt)
 TEST_F(EncDec, EncryptAndDecryptCheckInTheirOwnOrder)
 {
     NCRYPT_KEY_HANDLE key = SeedAndOpen("rsa", R"("kty":"RSA","key_size":2048)");
-    KSP_KEY *pKey = KspKeyFromHandle(key);
+    NCRYPT_KEY_HANDLE pending = CreateKey(L"pending", 3, false);
+    NCRYPT_KEY_HANDLE signOnly = CreateKey(L"sign-only", NCRYPT_ALLOW_SIGNING_FLAG);
     SECURITY_STATUS status = 0;
-    std::vector<BYTE> plain = Text("attack at dawn"), cipher = Run(false, key, plain, kOaep, &status);
-    enum Handles { Good, BadProvider, NullKey };
+    Bytes plain = ToBytes("attack at dawn"), cipher = Run(false, key, plain, kOaep, &status);
     // vaultAlg null: the vault is not reached.
-    struct Row { bool decrypt; DWORD finished, usage, flags; Handles handles; bool nullInput, nullResult;
-        SECURITY_STATUS status; const char *vaultAlg; } rows[] = {
-        {false, 1, 3, kOaep, BadProvider, false, false, NTE_INVALID_HANDLE, nullptr},
-        {true, 1, 3, kOaep, NullKey, false, false, NTE_INVALID_HANDLE, nullptr},
-        {false, 0, 3, kOaep, Good, true, false, NTE_BAD_KEY_STATE, nullptr},
-        {true, 0, 3, kOaep, Good, false, false, 0, "RSA-OAEP"}, // decryption does not ask for finalization
-        {false, 1, 3, kOaep, Good, true, false, NTE_INVALID_PARAMETER, nullptr},
-        {true, 1, 3, kOaep, Good, false, true, NTE_INVALID_PARAMETER, nullptr},
-        {false, 1, 3, kOaep | NCRYPT_NO_PADDING_FLAG, Good, false, false, NTE_BAD_FLAGS, nullptr},
-        {false, 1, 3, 0x8, Good, false, false, NTE_BAD_FLAGS, nullptr},
-        {true, 1, 0, 0x8, Good, false, false, NTE_BAD_FLAGS, nullptr},
-        {true, 1, NCRYPT_ALLOW_SIGNING_FLAG, NCRYPT_NO_PADDING_FLAG, Good, false, false, NTE_PERM, nullptr},
-        {true, 1, 3, NCRYPT_NO_PADDING_FLAG, Good, false, false, NTE_BAD_FLAGS, nullptr},
-        {true, 1, NCRYPT_ALLOW_SIGNING_FLAG, kOaep, Good, false, false, NTE_PERM, nullptr},
-        {false, 1, 0, kOaep, Good, false, false, 0, "RSA-OAEP"}, // encryption ignores the usage
-        {false, 1, 3, NCRYPT_SILENT_FLAG, Good, false, false, NTE_FAIL, ""},
-        {true, 1, 3, 0, Good, false, false, NTE_FAIL, ""},
+    const struct { bool decrypt; NCRYPT_PROV_HANDLE p; NCRYPT_KEY_HANDLE key; DWORD flags = kOaep;
+        bool nullInput = false, nullResult = false; SECURITY_STATUS status = 0; const char *vaultAlg = nullptr;
+    } rows[] = {
+        {.decrypt = false, .p = key, .key = key, .status = NTE_INVALID_HANDLE},
+        {.decrypt = true, .p = provider, .key = 0, .status = NTE_INVALID_HANDLE},
+        {.decrypt = false, .p = provider, .key = pending, .nullInput = true, .status = NTE_BAD_KEY_STATE},
+        {.decrypt = true, .p = provider, .key = pending, .status = NTE_FAIL,
+         .vaultAlg = "RSA-OAEP"}, // decryption does not ask for finalization: the vault has no such key
+        {.decrypt = false, .p = provider, .key = key, .nullInput = true, .status = NTE_INVALID_PARAMETER},
+        {.decrypt = true, .p = provider, .key = key, .nullResult = true, .status = NTE_INVALID_PARAMETER},
+        {.decrypt = false, .p = provider, .key = key, .flags = kOaep | NCRYPT_NO_PADDING_FLAG, .status = NTE_BAD_FLAGS},
+        {.decrypt = false, .p = provider, .key = key, .flags = 0x8, .status = NTE_BAD_FLAGS},
+        {.decrypt = true, .p = provider, .key = signOnly, .flags = 0x8, .status = NTE_BAD_FLAGS},
+        {.decrypt = true, .p = provider, .key = signOnly, .flags = NCRYPT_NO_PADDING_FLAG, .status = NTE_PERM},
+        {.decrypt = true, .p = provider, .key = key, .flags = NCRYPT_NO_PADDING_FLAG, .status = NTE_BAD_FLAGS},
+        {.decrypt = true, .p = provider, .key = signOnly, .status = NTE_PERM},
+        {.decrypt = false, .p = provider, .key = signOnly, .vaultAlg = "RSA-OAEP"}, // encryption ignores the usage
+        {.decrypt = false, .p = provider, .key = key, .flags = NCRYPT_SILENT_FLAG, .status = NTE_FAIL, .vaultAlg = ""},
+        {.decrypt = true, .p = provider, .key = key, .flags = 0, .status = NTE_FAIL, .vaultAlg = ""},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         const auto i = &row - rows;
         size_t before = CryptoRequests().size();
-        pKey->fFinished = row.finished;
-        pKey->dwKeyUsagePolicy = row.usage;
-        std::vector<BYTE> input = row.decrypt ? cipher : plain, output(512);
+        Bytes input = row.decrypt ? cipher : plain, output(512);
         DWORD cb = 0;
-        NCRYPT_PROV_HANDLE p = row.handles == BadProvider ? static_cast<NCRYPT_PROV_HANDLE>(key) : provider;
         EXPECT_EQ((row.decrypt ? Ksp().Decrypt : Ksp().Encrypt)(
-                      p, row.handles == NullKey ? 0 : key, row.nullInput ? nullptr : input.data(),
-                      static_cast<DWORD>(input.size()), nullptr, output.data(), 512, row.nullResult ? nullptr : &cb,
-                      row.flags),
+                      row.p, row.key, row.nullInput ? nullptr : input.data(), Size(input), nullptr, output.data(), 512,
+                      row.nullResult ? nullptr : &cb, row.flags),
                   row.status)
             << "row " << i;
         std::vector<std::string> algs = CryptoRequests();
         EXPECT_EQ(algs.size() > before ? algs.back() : "(none)", row.vaultAlg ? row.vaultAlg : "(none)") << "row " << i;
     }
-    pKey->fFinished = 1;
-    pKey->dwKeyUsagePolicy = 3;
 
     // The length is known only once the vault has answered: a null output asks for it, a short one
     // fails with NTE_FAIL and the needed length.
@@ -141,16 +127,6 @@ TEST_F(EncDec, EncryptAndDecryptCheckInTheirOwnOrder)
     BYTE small[4];
     EXPECT_EQ(Ksp().Decrypt(provider, key, cipher.data(), 256, nullptr, small, sizeof(small), &cb, kOaep), NTE_FAIL);
     EXPECT_EQ(cb, plain.size());
-
-    // Without a token nothing is sent.
-    size_t sent = CryptoRequests().size();
-    ScriptAnswers(emulator, "login", R"([{"status":400,"repeat":2,"body":{"error":"invalid_client"}}])");
-    KspProviderFromHandle(provider)->kvcMachine->tokenExpiry = 0;
-    Run(false, key, plain, kOaep, &status);
-    EXPECT_EQ(status, SEC_E_LOGON_DENIED);
-    Run(true, key, cipher, kOaep, &status);
-    EXPECT_EQ(status, SEC_E_LOGON_DENIED);
-    EXPECT_EQ(CryptoRequests().size(), sent);
 }
 
 TEST_F(EncDec, TheFiveUnsupportedEntriesRefuseWhateverTheyAreGiven)

@@ -30,19 +30,3 @@ TEST(FunctionTable, OneStaticVersionOneTableHoldsTheEntriesInTableOrder)
     for (int i = 0; i < 26; ++i)
         EXPECT_EQ(slots[i], expected[i]) << "slot " << i + 1;
 }
-
-TEST(FunctionTable, TheRouterLoadsTheDllAndOpensAnswersAndFreesThroughItsTable)
-{
-    ClearSettings(HKEY_LOCAL_MACHINE);
-    ClearSettings(HKEY_CURRENT_USER);
-    std::string why;
-    auto router = KspRouter::LoadDll(&why); // checks version 1.0 and all 26 entries set
-    ASSERT_TRUE(router) << why;
-    NCRYPT_PROV_HANDLE h = 0;
-    ASSERT_EQ(router->ksp().OpenProvider(&h, KSP_PROVIDER_NAME, 0), 0);
-    wchar_t name[64] = {};
-    DWORD cb = 0;
-    EXPECT_EQ(router->ksp().GetProviderProperty(h, L"Name", reinterpret_cast<PBYTE>(name), sizeof(name), &cb, 0), 0);
-    EXPECT_STREQ(name, KSP_PROVIDER_NAME);
-    EXPECT_EQ(router->ksp().FreeProvider(h), 0);
-}

@@ -2,21 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include "support/log.h"
+#include <map>
 
 using namespace kestal_test;
 
 namespace {
 
-using Bytes = std::vector<BYTE>;
-template <typename T> Bytes BytesOf(const T &value)
+// The layout BCryptExportKey gives a 512-bit RSA private key, with filler for the numbers.
+Bytes PrivateBlob(ULONG magic, size_t cb)
 {
-    return Bytes(reinterpret_cast<const BYTE *>(&value), reinterpret_cast<const BYTE *>(&value) + sizeof(T));
-}
-Bytes Text(const std::wstring &text)
-{
-    const BYTE *pb = reinterpret_cast<const BYTE *>(text.c_str());
-    return Bytes(pb, pb + (text.size() + 1) * sizeof(wchar_t));
+    Bytes blob = BytesOf(BCRYPT_RSAKEY_BLOB{magic, 512, 3, 64, 32, 32});
+    blob.resize(cb, 0x5A);
+    return blob;
 }
 
 // Keys created but never finalized, through the DLL or the core: their properties need no vault.
@@ -27,12 +24,20 @@ protected:
         VaultProviderTest::SetUp();
         UseVault(HKEY_CURRENT_USER, L"kestaltest");
     }
-    NCRYPT_KEY_HANDLE Create(const wchar_t *alg, const wchar_t *name = nullptr)
+    // A provider whose user scope has this ExportableOption, opened once per option.
+    NCRYPT_PROV_HANDLE Provider(DWORD exportableOption = 0)
     {
-        if (!p)
-            p = OpenProvider(via);
+        if (!providers[exportableOption]) {
+            SetSettingDword(HKEY_CURRENT_USER, L"ExportableOption", exportableOption);
+            providers[exportableOption] = OpenProvider(via);
+        }
+        return p = providers[exportableOption];
+    }
+    NCRYPT_KEY_HANDLE Create(const wchar_t *alg, const std::wstring &name = L"", SECURITY_STATUS want = 0)
+    {
         NCRYPT_KEY_HANDLE h = 0;
-        EXPECT_EQ(Ksp(via).CreatePersistedKey(p, &h, alg, name, 0, 0), 0);
+        EXPECT_EQ(Ksp(via).CreatePersistedKey(p ? p : Provider(), &h, alg, name.empty() ? nullptr : name.c_str(), 0, 0),
+                  want);
         return h;
     }
     SECURITY_STATUS Get(NCRYPT_KEY_HANDLE h, const wchar_t *name, Bytes *out, DWORD flags = 0)
@@ -42,12 +47,15 @@ protected:
         out->assign(cb, 0xEE);
         return status ? status : Ksp(via).GetKeyProperty(p, h, name, out->data(), cb, &cb, flags);
     }
+    // An empty value is passed as a null pointer.
     SECURITY_STATUS Set(NCRYPT_KEY_HANDLE h, const wchar_t *name, Bytes value, DWORD flags = 0)
     {
-        return Ksp(via).SetKeyProperty(p, h, name, value.data(), static_cast<DWORD>(value.size()), flags);
+        return Ksp(via).SetKeyProperty(p, h, name, value.empty() ? nullptr : value.data(),
+                                       static_cast<DWORD>(value.size()), flags);
     }
     Via via = Via::Dll;
     NCRYPT_PROV_HANDLE p = 0;
+    std::map<DWORD, NCRYPT_PROV_HANDLE> providers;
 };
 
 } // namespace
@@ -57,16 +65,17 @@ TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
     SECURITY_DESCRIPTOR empty = {};
     InitializeSecurityDescriptor(&empty, SECURITY_DESCRIPTOR_REVISION);
     const struct { const wchar_t *alg, *property; SECURITY_STATUS status; Bytes value; } rows[] = {
-        {L"ECDSA_P256", L"Algorithm Name", 0, Text(L"ECDSA_P256")},
-        {L"ECDSA_P256", L"Algorithm Group", 0, Text(L"RSA")},
+        {L"ECDSA_P256", L"Algorithm Name", 0, WideText(L"ECDSA_P256")},
+        {L"ECDSA_P256", L"Algorithm Group", 0, WideText(L"RSA")},
         {L"RSA", L"Length", 0, BytesOf(DWORD{2048})},
+        {L"ECDSA_P256", L"Length", 0, BytesOf(DWORD{256})},
         {L"RSA", L"Lengths", 0, BytesOf(NCRYPT_SUPPORTED_LENGTHS{2048, 4096, 8, 2048})},
         {L"ECDH_P384", L"Lengths", 0, BytesOf(NCRYPT_SUPPORTED_LENGTHS{384, 384, 0, 384})},
         {L"ECDSA_P521", L"Block Length", 0, BytesOf(DWORD{66})},
         {L"RSA", L"Export Policy", 0, BytesOf(DWORD{0})},
         {L"RSA", L"Key Usage", 0, BytesOf(DWORD{NCRYPT_ALLOW_DECRYPT_FLAG | NCRYPT_ALLOW_SIGNING_FLAG})},
         {L"RSA", L"Key Type", 0, BytesOf(DWORD{0})},
-        {L"RSA", L"Use Context", 0, Text(L"")},
+        {L"RSA", L"Use Context", 0, WideText(L"")},
         {L"RSA", L"Security Descr", 0, BytesOf(empty)},
         {L"RSA", L"UI Policy", 0, BytesOf(NCRYPT_UI_POLICY{1, 0, nullptr, nullptr, nullptr})},
         {L"RSA", L"HWND Handle", 0, BytesOf(HWND{})},
@@ -82,22 +91,83 @@ TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
         EXPECT_EQ(Ksp().FreeKey(p, h), 0);
     }
 
-    NCRYPT_KEY_HANDLE named = Create(L"RSA", L"web");
-    Bytes value(7), context;
+    const std::wstring longest(129, L'n');
+    NCRYPT_KEY_HANDLE named = Create(L"RSA", longest);
+    Bytes value(7);
     DWORD cb = 0;
     EXPECT_EQ(Ksp().GetKeyProperty(p, named, L"Unique Name", value.data(), 7, &cb, 0), NTE_BUFFER_TOO_SMALL);
-    EXPECT_EQ(Set(named, L"Use Context", Text(L"signing")) + Get(named, L"Use Context", &context) +
-                  Get(named, L"Name", &value),
-              0);
-    EXPECT_EQ(context, Text(L"signing"));
-    EXPECT_EQ(value, Text(L"web"));
+    EXPECT_EQ(Get(named, L"Name", &value), 0);
+    EXPECT_EQ(value, WideText(longest));
+    Create(L"RSA", longest + L"n", NTE_INVALID_PARAMETER);
     EXPECT_EQ(Ksp().GetKeyProperty(p, named, std::wstring(65, L'n').c_str(), nullptr, 0, &cb, 0),
               NTE_INVALID_PARAMETER);
     EXPECT_EQ(Ksp().GetKeyProperty(p, named, L"Name", nullptr, 0, nullptr, 0), NTE_INVALID_PARAMETER);
     EXPECT_EQ(Ksp().GetKeyProperty(p, p, L"Name", nullptr, 0, &cb, 0), NTE_INVALID_HANDLE);
 }
 
-TEST_F(KeyProps, PersistedPropertiesAreNodesReadOnlyWithPersistOnly)
+TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
+{
+    SECURITY_DESCRIPTOR absolute;
+    InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION);
+    Bytes relative(64);
+    DWORD cbRelative = 64;
+    ASSERT_TRUE(MakeSelfRelativeSD(&absolute, relative.data(), &cbRelative));
+    relative.resize(cbRelative);
+    const Bytes tlsServer = WideText(L"TLS server"), noData;
+    // option: the scope's ExportableOption; node: kept for NCRYPT_PERSIST_ONLY_FLAG; readBack: the
+    // built-in value afterwards, when given.
+    const struct Row { const wchar_t *alg = L"RSA"; DWORD option = 0; const wchar_t *name; Bytes value;
+        DWORD flags = NCRYPT_PERSIST_FLAG; SECURITY_STATUS want = 0; bool node = false; Bytes readBack = {};
+    } rows[] = {
+        {.name = L"Length", .value = BytesOf(DWORD{1024}), .want = NTE_NOT_SUPPORTED, .readBack = BytesOf(DWORD{1024})},
+        {.name = L"Length", .value = BytesOf(DWORD{2049}), .want = NTE_NOT_SUPPORTED},
+        {.name = L"Length", .value = BytesOf(DWORD{4104}), .want = NTE_NOT_SUPPORTED},
+        {.name = L"Length", .value = BytesOf(DWORD{3072}), .readBack = BytesOf(DWORD{3072})},
+        {.alg = L"ECDSA_P384", .name = L"Length", .value = BytesOf(DWORD{384})},
+        {.alg = L"ECDH_P521", .name = L"Length", .value = BytesOf(DWORD{256}), .want = NTE_NOT_SUPPORTED},
+        {.name = L"Length", .value = {0, 0x10}, .want = NTE_BAD_DATA},
+        {.name = L"Length", .value = noData, .want = NTE_INVALID_PARAMETER},
+        {.name = L"length", .value = BytesOf(DWORD{2048}), .want = NTE_NOT_SUPPORTED},
+        {.name = L"Export Policy", .value = BytesOf(DWORD{0}), .node = true},
+        {.name = L"Export Policy", .value = BytesOf(DWORD{NCRYPT_ALLOW_EXPORT_FLAG}), .want = NTE_NOT_SUPPORTED},
+        {.option = 1, .name = L"Export Policy", .value = BytesOf(DWORD{NCRYPT_ALLOW_EXPORT_FLAG}), .node = true,
+         .readBack = BytesOf(DWORD{0})}, // allowed, yet the key never says so
+        {.option = 1, .name = L"Export Policy", .value = BytesOf(DWORD{16}), .want = NTE_NOT_SUPPORTED},
+        {.option = 2, .name = L"Export Policy", .value = BytesOf(DWORD{0}), .want = NTE_NOT_SUPPORTED},
+        {.name = L"Key Usage", .value = BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG}), .node = true,
+         .readBack = BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG})},
+        {.name = L"Use Context", .value = Bytes(tlsServer.begin(), tlsServer.begin() + 6), .readBack = WideText(L"TLS")},
+        {.name = L"HWND Handle", .value = Bytes(tlsServer.begin(), tlsServer.begin() + 6),
+         .readBack = BytesOf(reinterpret_cast<HWND>(0x53004C0054ull))},
+        {.name = L"UI Policy", .value = tlsServer},
+        {.name = L"Security Descr", .value = relative, .flags = DACL_SECURITY_INFORMATION | NCRYPT_PERSIST_FLAG},
+        {.name = L"Security Descr", .value = Bytes(relative.begin(), relative.begin() + 8),
+         .flags = DACL_SECURITY_INFORMATION, .want = NTE_BAD_DATA},
+        {.name = L"Security Descr", .value = relative, .flags = 0, .want = NTE_BAD_FLAGS},
+        {.name = L"PRIVATEBLOB", .value = PrivateBlob(BCRYPT_RSAPRIVATE_MAGIC, 154), .want = NTE_BAD_DATA},
+        {.name = L"PRIVATEBLOB", .value = PrivateBlob(BCRYPT_RSAPUBLIC_MAGIC, 155), .want = NTE_BAD_DATA},
+        {.name = L"Custom", .value = {1}, .flags = 0x1, .want = NTE_BAD_FLAGS},
+        {.name = L"Custom", .value = {1}, .want = NTE_NOT_SUPPORTED}, // not built in, and not only persisted
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(Narrow(row.name) + " row " + std::to_string(&row - rows));
+        Provider(row.option);
+        NCRYPT_KEY_HANDLE h = Create(row.alg);
+        Bytes value;
+        EXPECT_EQ(Set(h, row.name, row.value, row.flags), row.want);
+        EXPECT_EQ(Get(h, row.name, &value, NCRYPT_PERSIST_ONLY_FLAG), row.node ? 0 : NTE_NOT_FOUND);
+        if (!row.readBack.empty()) {
+            EXPECT_EQ(Get(h, row.name, &value), 0);
+            EXPECT_EQ(value, row.readBack);
+        }
+        EXPECT_EQ(Ksp().FreeKey(p, h), 0);
+    }
+    EXPECT_EQ(Log("SetBuildinKeyProperty EXPORTABLE_KEYS_UNSUPPORTED 1").size(), 1u);
+    EXPECT_EQ(Log("SetBuildinKeyProperty bad Exportable Value ExportableOption 2 1").size(), 1u);
+    EXPECT_EQ(Log("Key Usage = 2 10").size(), 1u);
+}
+
+TEST_F(KeyProps, OtherPropertiesAreNodesReadOnlyWithPersistOnly)
 {
     NCRYPT_KEY_HANDLE h = Create(L"RSA");
     Bytes value;
@@ -110,41 +180,47 @@ TEST_F(KeyProps, PersistedPropertiesAreNodesReadOnlyWithPersistOnly)
     DWORD cb = 0;
     EXPECT_EQ(Ksp().GetKeyProperty(p, h, L"Custom", value.data(), 1, &cb, NCRYPT_PERSIST_ONLY_FLAG),
               NTE_BUFFER_TOO_SMALL);
-    // The policies are kept as nodes as well; the length is not.
-    EXPECT_EQ(Set(h, L"Key Usage", BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG})) + Set(h, L"Length", BytesOf(DWORD{4096})),
-              0);
-    EXPECT_EQ(Get(h, L"Key Usage", &value, NCRYPT_PERSIST_ONLY_FLAG), 0);
-    EXPECT_EQ(value, BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG}));
-    EXPECT_EQ(Get(h, L"Length", &value, NCRYPT_PERSIST_ONLY_FLAG), NTE_NOT_FOUND);
+    EXPECT_EQ(Set(h, std::wstring(64, L'x').c_str(), {1}, NCRYPT_PERSIST_ONLY_FLAG), 0);
+    EXPECT_EQ(Set(h, std::wstring(65, L'x').c_str(), {1}, NCRYPT_PERSIST_ONLY_FLAG), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(Set(0, L"Custom", {1}), NTE_INVALID_HANDLE);
+
+    // A key object of the wrong length or kind is no key.
+    KSP_KEY shortOne = *KspKeyFromHandle(h), otherKind = shortOne;
+    shortOne.cbLength = KSP_KEY_LENGTH - 1;
+    otherKind.dwMagic = KSP_PROVIDER_MAGIC;
+    for (KSP_KEY *bad : {&shortOne, &otherKind})
+        EXPECT_EQ(Get(reinterpret_cast<NCRYPT_KEY_HANDLE>(bad), L"Length", &value), NTE_INVALID_HANDLE);
 }
 
-TEST_F(KeyProps, RefusedSetsLeaveTheLockAloneAndAFailedWaitIsLoggedAndSurvived)
+TEST_F(KeyProps, TheListLockIsTakenOnlyAroundTheListsAndAFailedWaitIsLoggedAndSurvived)
 {
     via = Via::Core; // the semaphore the test can reach is the core's
     NCRYPT_KEY_HANDLE h = Create(L"RSA");
     ASSERT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_OBJECT_0)); // another holder
-    EXPECT_EQ(Set(h, L"Security Descr", BytesOf(DWORD{0})), NTE_BAD_FLAGS);
     EXPECT_EQ(Set(h, L"Custom", {1}, 0x1), NTE_BAD_FLAGS);
-    EXPECT_EQ(Set(h, L"Custom", {1}, NCRYPT_PERSIST_FLAG), NTE_NOT_SUPPORTED);
     EXPECT_EQ(Set(h, L"Length", BytesOf(DWORD{1024})), NTE_NOT_SUPPORTED);
-    EXPECT_EQ(Set(h, L"Key Usage", {1}), NTE_BAD_DATA);
-    EXPECT_EQ(Set(h, L"Export Policy", BytesOf(DWORD{NCRYPT_ALLOW_EXPORT_FLAG})), NTE_NOT_SUPPORTED);
-    EXPECT_EQ(Set(h, std::wstring(65, L'x').c_str(), {1}), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(Set(0, L"Custom", {1}), NTE_INVALID_HANDLE);
-    EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "released by a refusal";
+    EXPECT_EQ(Set(h, L"Length", BytesOf(DWORD{4096})), 0); // no node: no lock
+    EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "given back unasked";
     ReleaseSemaphore(g_hKspSemaphore, 1, nullptr);
 
-    HANDLE semaphore = g_hKspSemaphore;
-    g_hKspSemaphore = nullptr; // every wait fails
+    // Freeing a key frees every node and gives the lock back.
+    for (const wchar_t *name : {L"one", L"two", L"three"})
+        EXPECT_EQ(Set(h, name, {1}, NCRYPT_PERSIST_ONLY_FLAG), 0);
+    EXPECT_EQ(Ksp(via).FreeKey(p, h), 0);
+    EXPECT_EQ(Log("DeleteKeyObject HeapFree pProperty 8").size(), 3u);
+    EXPECT_EQ(Log("DeleteKeyObject Complete 8").size(), 1u);
+    EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_OBJECT_0)) << "count 1 again";
+    ReleaseSemaphore(g_hKspSemaphore, 1, nullptr);
+
+    h = Create(L"RSA");
+    HANDLE semaphore = std::exchange(g_hKspSemaphore, nullptr); // every wait fails
     Bytes value;
-    EXPECT_EQ(Set(h, L"Custom", {7}, NCRYPT_PERSIST_ONLY_FLAG) + Get(h, L"Custom", &value, NCRYPT_PERSIST_ONLY_FLAG),
-              0);
+    EXPECT_EQ(Set(h, L"Custom", {7}, NCRYPT_PERSIST_ONLY_FLAG), 0);
+    EXPECT_EQ(Get(h, L"Custom", &value, NCRYPT_PERSIST_ONLY_FLAG), 0);
+    EXPECT_EQ(Ksp(via).FreeKey(p, h), 0);
     g_hKspSemaphore = semaphore;
     EXPECT_EQ(value, Bytes{7});
     EXPECT_EQ(Log("KestalKeyVaultKSPSetKeyProperty Failed to grab Semaphone - Result Custom -1 4").size(), 1u);
     EXPECT_EQ(Log("KestalKeyVaultKSPGetKeyProperty Failed to grab Semaphone - Result Custom -1 4").size(), 2u);
-
-    EXPECT_EQ(Set(h, L"SmartCardKeyCertificate", {0x30}), 0); // arms the publication FreeKey makes
-    EXPECT_EQ(KspKeyFromHandle(h)->fPublishCert, 1u);
-    EXPECT_EQ(Ksp(via).FreeKey(p, h), 0);
+    EXPECT_EQ(Log("DeleteKeyObject Failed to grab Semaphone - Result Error 0xffffffff 4").size(), 1u);
 }

@@ -3,10 +3,6 @@
 #include <gtest/gtest.h>
 #include <wincrypt.h>
 
-#include <algorithm>
-
-#include "kvclient/kvc.h"
-
 using namespace kestal_test;
 
 namespace {
@@ -25,11 +21,23 @@ protected:
             out += (i ? "," : "") + std::string(json_object_get_string(json_object_array_get_idx(list, i)));
         return out;
     }
-    size_t Seen(const std::string &request)
+    size_t Seen(const std::string &request) const { return VaultCalls(request).size(); }
+    // The last request whose "METHOD url" begins with this.
+    SeenRequest Last(const std::string &request) const
     {
         std::vector<SeenRequest> seen = VaultRequests();
-        return std::count_if(seen.begin(), seen.end(),
-                             [&](const SeenRequest &r) { return (r.method + " " + r.url).rfind(request, 0) == 0; });
+        for (auto r = seen.rbegin(); r != seen.rend(); ++r)
+            if ((r->method + " " + r->url).rfind(request, 0) == 0)
+                return *r;
+        return {};
+    }
+    // The certificate the vault was last asked to merge for a key: the placeholder over its key.
+    std::string Merged(const std::wstring &name) const
+    {
+        Json body = ParseJson(Last("POST /certificates/" + Narrow(name) + "/pending/merge").body);
+        json_object *x5c = json_object_object_get(body.get(), "x5c");
+        Bytes der = FromBase64(json_object_get_string(json_object_array_get_idx(x5c, 0)));
+        return ToStr(der.data(), der.size());
     }
     // Signs a SHA-256 (SHA-384 for P-384) hash through the provider; Windows checks the signature.
     void ExpectSignatureVerifies(NCRYPT_PROV_HANDLE p, NCRYPT_KEY_HANDLE h, BCRYPT_KEY_HANDLE publicKey, bool rsa,
@@ -49,10 +57,14 @@ TEST_F(Lifecycle, CreatedKeysReachTheVaultSignThereAndAreDeletedAndPurged)
 {
     const struct { DWORD certificatesOrKeys; HKEY hive; const wchar_t *vault, *alg; DWORD bits; const char *kty;
     } rows[] = {
-        {1, HKEY_LOCAL_MACHINE, L"kestaltest", L"RSA", 3072, "RSA"}, // standard tier: no HSM keys
-        {1, HKEY_CURRENT_USER, L"kestaltest2", L"ECDSA_P256", 256, "EC-HSM"},
-        {0, HKEY_LOCAL_MACHINE, L"kestaltest", L"RSA", 2048, "RSA"},
-        {0, HKEY_CURRENT_USER, L"kestaltest2", L"ECDSA_P384", 384, "EC-HSM"},
+        {.certificatesOrKeys = 1, .hive = HKEY_LOCAL_MACHINE, .vault = L"kestaltest", .alg = L"RSA", .bits = 3072,
+         .kty = "RSA"}, // standard tier: no HSM keys
+        {.certificatesOrKeys = 1, .hive = HKEY_CURRENT_USER, .vault = L"kestaltest2", .alg = L"ECDSA_P256", .bits = 256,
+         .kty = "EC-HSM"},
+        {.certificatesOrKeys = 0, .hive = HKEY_LOCAL_MACHINE, .vault = L"kestaltest", .alg = L"RSA", .bits = 2048,
+         .kty = "RSA"},
+        {.certificatesOrKeys = 0, .hive = HKEY_CURRENT_USER, .vault = L"kestaltest2", .alg = L"ECDSA_P384", .bits = 384,
+         .kty = "EC-HSM"},
     };
     emulator.Call(L"PUT", L"/vaults/kestaltest2", R"({"tier":"premium"})");
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
@@ -72,9 +84,15 @@ TEST_F(Lifecycle, CreatedKeysReachTheVaultSignThereAndAreDeletedAndPurged)
                 << Narrow(property);
         EXPECT_EQ(Vault(row.vault, "keys"), "");
         ASSERT_EQ(ksp.FinalizeKey(p, h, 0), 0);
-        EXPECT_EQ(Narrow(KspKeyFromHandle(h)->kvKey.kty), row.kty);
-        EXPECT_EQ(Vault(row.vault, "keys") + "|" + Vault(row.vault, "certificates"),
-                  Narrow(name) + "|" + (certMode ? Narrow(name) : ""));
+        const std::string collection = certMode ? "POST /certificates/" : "POST /keys/";
+        EXPECT_NE(Last(collection + Narrow(name) + "/create").body.find("\"kty\":\"" + std::string(row.kty) + "\""),
+                  std::string::npos);
+        EXPECT_EQ(Vault(row.vault, "keys"), Narrow(name));
+        EXPECT_EQ(Vault(row.vault, "certificates"), certMode ? Narrow(name) : "");
+        // Finalized: the policies and the private key can no longer change.
+        Bytes bits = BytesOf(row.bits), blob = BytesOf(BCRYPT_RSAKEY_BLOB{BCRYPT_RSAPRIVATE_MAGIC});
+        EXPECT_EQ(ksp.SetKeyProperty(p, h, NCRYPT_LENGTH_PROPERTY, bits.data(), 4, 0), NTE_BAD_KEY_STATE);
+        EXPECT_EQ(ksp.SetKeyProperty(p, h, L"PRIVATEBLOB", blob.data(), Size(blob), 0), NTE_BAD_KEY_STATE);
         BcryptKey exported =
             ImportPublicBlob(ExportKeyBlob(ksp, p, h, rsa ? BCRYPT_RSAPUBLIC_BLOB : BCRYPT_ECCPUBLIC_BLOB));
         ASSERT_TRUE(exported);
@@ -82,18 +100,18 @@ TEST_F(Lifecycle, CreatedKeysReachTheVaultSignThereAndAreDeletedAndPurged)
         if (certMode) {
             // The merged certificate carries the vault key: the key's signatures verify under it; and
             // the placeholder never enters the store.
-            KSP_PROVIDER *core = KspProviderFromHandle(OpenProvider(Via::Core));
-            KVC *kvc = machine ? core->kvcMachine : core->kvcUser;
-            DATA_BLOB der = {};
-            ASSERT_TRUE(KVCAuthenticate(kvc, nullptr) && KVCGetCert(kvc, name.c_str(), &der));
-            PCCERT_CONTEXT cert = CertCreateCertificateContext(X509_ASN_ENCODING, der.pbData, der.cbData);
+            const std::string der = Merged(name);
+            PCCERT_CONTEXT cert = CertCreateCertificateContext(X509_ASN_ENCODING, ToBytes(der).data(), Size(der));
+            ASSERT_TRUE(cert);
             BCRYPT_KEY_HANDLE fromCert = nullptr;
             ASSERT_TRUE(CryptImportPublicKeyInfoEx2(X509_ASN_ENCODING, &cert->pCertInfo->SubjectPublicKeyInfo, 0,
                                                     nullptr, &fromCert));
             ExpectSignatureVerifies(p, h, fromCert, rsa, row.bits == 384);
-            BCryptDestroyKey(fromCert), CertFreeCertificateContext(cert), free(der.pbData);
+            BCryptDestroyKey(fromCert);
+            CertFreeCertificateContext(cert);
             NCRYPT_KEY_HANDLE opened = 0; // a machine open syncs the vault's certificates into the store
-            EXPECT_EQ(ksp.OpenKey(p, &opened, name.c_str(), 0, machine ? kMachine : 0) + ksp.FreeKey(p, opened), 0);
+            EXPECT_EQ(ksp.OpenKey(p, &opened, name.c_str(), 0, machine ? kMachine : 0), 0);
+            EXPECT_EQ(ksp.FreeKey(p, opened), 0);
             EXPECT_EQ(Log("KVCPropogateCertificateFromKeyVault Found Dummy Cert").size(), 1u);
             EXPECT_EQ(Log("KVCPropogateCertificateFromKeyVault Certificate Added").size(), 0u);
         }
@@ -126,17 +144,18 @@ TEST_F(Lifecycle, RefusalsAndVaultFailuresLeaveUsableHandles)
     EXPECT_EQ(VaultRequests().size(), 1u);                          // the look for "taken" only
 
     ASSERT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", L"taken", 0, kMachine | NCRYPT_OVERWRITE_KEY_FLAG), 0);
-    emulator.Call(L"POST", L"/script",
-                  R"({"service":"vault","method":"POST","path":"/keys/taken/create",)"
-                  R"("responses":[{"status":500,"body":{}}]})");
+    ScriptAnswers(emulator, "vault", R"([{"status":500,"body":{}}])", "POST", "/keys/taken/create");
     EXPECT_EQ(ksp.FinalizeKey(p, h, 0), NTE_FAIL);
     EXPECT_EQ(ksp.FinalizeKey(p, h, 0), 0); // -HSM refused, then the software key
-    EXPECT_EQ(Seen("GET /keys/taken") * 10 + Seen("POST /keys/taken/create"), 13u);
+    EXPECT_EQ(Seen("GET /keys/taken"), 1u);
+    EXPECT_EQ(Seen("POST /keys/taken/create"), 3u);
 
     ASSERT_EQ(ksp.CreatePersistedKey(p, &ghost, L"RSA", L"ghost", 0, kMachine), 0); // never in the vault
     EXPECT_EQ(ksp.DeleteKey(p, ghost, 0x1), NTE_BAD_FLAGS);
     EXPECT_EQ(ksp.DeleteKey(p, ghost, 0), NTE_INTERNAL_ERROR);
-    EXPECT_EQ(ksp.FreeKey(p, ghost) + ksp.FreeKey(p, nameless) + ksp.DeleteKey(p, h, NCRYPT_SILENT_FLAG), 0);
+    EXPECT_EQ(ksp.FreeKey(p, ghost), 0);
+    EXPECT_EQ(ksp.FreeKey(p, nameless), 0);
+    EXPECT_EQ(ksp.DeleteKey(p, h, NCRYPT_SILENT_FLAG), 0);
     EXPECT_EQ(Vault(L"kestaltest", "deletedKeys"), "taken"); // DoDeletePurge: kept recoverable
 }
 
@@ -147,19 +166,19 @@ TEST_F(Lifecycle, FreeKeyUploadsTheBoundStoreCertificateOnce)
         const std::wstring name = machine ? L"pubm" : L"pubu";
         SCOPED_TRACE(Narrow(name));
         UseVault(hive, L"kestaltest", 0);
-        const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp(Via::Core);
-        NCRYPT_PROV_HANDLE p = OpenProvider(Via::Core);
-        KVC *kvc = machine ? KspProviderFromHandle(p)->kvcMachine : KspProviderFromHandle(p)->kvcUser;
+        const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+        NCRYPT_PROV_HANDLE p = OpenProvider();
         NCRYPT_KEY_HANDLE h = 0;
         ASSERT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", name.c_str(), 0, machine ? kMachine : 0), 0);
         ASSERT_EQ(ksp.FinalizeKey(p, h, 0), 0);
 
         // The certificate a CA would issue for the key: the placeholder's key under another subject.
-        DATA_BLOB placeholder = {};
-        ASSERT_TRUE(KVCGetCert(kvc, name.c_str(), &placeholder));
-        PCCERT_CONTEXT base = CertCreateCertificateContext(X509_ASN_ENCODING, placeholder.pbData, placeholder.cbData);
-        BYTE subject[128], tbs[4096], der[4096], sha1[20];
-        DWORD cbSubject = sizeof(subject), cbTbs = sizeof(tbs), cbDer = sizeof(der), cbSha1 = sizeof(sha1);
+        const std::string placeholder = Merged(name);
+        PCCERT_CONTEXT base = CertCreateCertificateContext(X509_ASN_ENCODING, ToBytes(placeholder).data(),
+                                                           Size(placeholder));
+        ASSERT_TRUE(base);
+        BYTE subject[128], tbs[4096], der[4096];
+        DWORD cbSubject = sizeof(subject), cbTbs = sizeof(tbs), cbDer = sizeof(der);
         CertStrToNameW(X509_ASN_ENCODING, L"CN=issued.example", CERT_X500_NAME_STR, nullptr, subject, &cbSubject,
                        nullptr);
         CERT_INFO info = *base->pCertInfo;
@@ -167,11 +186,8 @@ TEST_F(Lifecycle, FreeKeyUploadsTheBoundStoreCertificateOnce)
         ASSERT_TRUE(CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT_TO_BE_SIGNED, &info, 0, nullptr, tbs, &cbTbs));
         CERT_SIGNED_CONTENT_INFO signedInfo = {{cbTbs, tbs}, info.SignatureAlgorithm, {8, tbs, 0}};
         ASSERT_TRUE(CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT, &signedInfo, 0, nullptr, der, &cbDer));
-        CertFreeCertificateContext(base), free(placeholder.pbData);
-        CryptHashCertificate(0, CALG_SHA1, 0, der, cbDer, sha1, &cbSha1);
-        BldStr *hex = BldStrNewHexStr(sha1, cbSha1);
-        const std::wstring thumbprint = hex->cStr;
-        BldStrFree(hex);
+        CertFreeCertificateContext(base);
+        const std::wstring thumbprint = Widen(Hex(HashOf(BCRYPT_SHA1_ALGORITHM, ToStr(der, cbDer))));
         HCERTSTORE store =
             CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0,
                           machine ? CERT_SYSTEM_STORE_LOCAL_MACHINE : CERT_SYSTEM_STORE_CURRENT_USER, L"My");
@@ -183,7 +199,8 @@ TEST_F(Lifecycle, FreeKeyUploadsTheBoundStoreCertificateOnce)
         CertFreeCertificateContext(added), CertCloseStore(store, 0);
 
         auto publish = [&](NCRYPT_KEY_HANDLE key) { // sets the certificate property, then frees the key
-            EXPECT_EQ(ksp.SetKeyProperty(p, key, NCRYPT_CERTIFICATE_PROPERTY, der, cbDer, 0) + ksp.FreeKey(p, key), 0);
+            EXPECT_EQ(ksp.SetKeyProperty(p, key, NCRYPT_CERTIFICATE_PROPERTY, der, cbDer, 0), 0);
+            EXPECT_EQ(ksp.FreeKey(p, key), 0);
         };
         auto reopen = [&] { return ksp.OpenKey(p, &h, name.c_str(), 0, machine ? kMachine : 0) ? 0 : h; };
         const std::string merge = "POST /certificates/" + Narrow(name) + "/pending/merge";
@@ -202,7 +219,7 @@ TEST_F(Lifecycle, FreeKeyUploadsTheBoundStoreCertificateOnce)
     }
 }
 
-TEST_F(Lifecycle, ImportKeepsOnlyRsaPrivateKeysProtectedUntilFinalizeSendsThemToTheVault)
+TEST_F(Lifecycle, ImportTakesOnlyRsaPrivateKeysAndFinalizeSendsThemToTheVault)
 {
     UseVault(HKEY_CURRENT_USER, L"kestaltest");
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
@@ -239,7 +256,8 @@ TEST_F(Lifecycle, ImportKeepsOnlyRsaPrivateKeysProtectedUntilFinalizeSendsThemTo
     for (const wchar_t *const &type : types) {
         SCOPED_TRACE(Narrow(type));
         BCRYPT_KEY_HANDLE original = nullptr;
-        ASSERT_EQ(BCryptGenerateKeyPair(alg, &original, 2048, 0) | BCryptFinalizeKeyPair(original, 0), 0);
+        ASSERT_EQ(BCryptGenerateKeyPair(alg, &original, 2048, 0), 0);
+        ASSERT_EQ(BCryptFinalizeKeyPair(original, 0), 0);
         std::vector<BYTE> blob = blobOf(original, &type == &types[1] ? type : BCRYPT_RSAPRIVATE_BLOB);
         std::vector<BYTE> modulus = blobOf(original, BCRYPT_RSAPUBLIC_BLOB);
         modulus.erase(modulus.begin(), modulus.end() - 256);
@@ -248,23 +266,13 @@ TEST_F(Lifecycle, ImportKeepsOnlyRsaPrivateKeysProtectedUntilFinalizeSendsThemTo
         NCryptBufferDesc parameters = {NCRYPTBUFFER_VERSION, 1, &buffer};
         ASSERT_EQ(ksp.ImportKey(p, 0, type, &parameters, &h, blob.data(), static_cast<DWORD>(blob.size()), kLater), 0);
 
-        // Kept only as DPAPI protects it, described as "Private Key".
-        KSP_KEY *key = KspKeyFromHandle(h);
-        DATA_BLOB sealed = {static_cast<DWORD>(key->cbPrivateKey), key->pbPrivateKey}, clear = {};
-        LPWSTR description = nullptr;
-        ASSERT_TRUE(CryptUnprotectData(&sealed, &description, nullptr, nullptr, nullptr, 0, &clear));
-        EXPECT_EQ(std::vector<BYTE>(clear.pbData, clear.pbData + clear.cbData), blob);
-        EXPECT_EQ(Narrow(description), "Private Key");
-        LocalFree(description), LocalFree(clear.pbData);
-
         ASSERT_EQ(ksp.FinalizeKey(p, h, 0), 0);
-        EXPECT_EQ(key->pbPrivateKey, nullptr);
         const SeenRequest put = VaultRequests().back();
         EXPECT_EQ(put.method + " " + put.url, "PUT /keys/" + Narrow(name) + "?api-version=7.0");
         Json body = ParseJson(put.body);
         json_object *jwk = json_object_object_get(body.get(), "key");
-        EXPECT_EQ(JsonString(jwk, "kty") + JsonString(json_object_object_get(body.get(), "tags"), "KeyName"),
-                  "RSA" + Narrow(name));
+        EXPECT_EQ(JsonString(jwk, "kty"), "RSA");
+        EXPECT_EQ(JsonString(json_object_object_get(body.get(), "tags"), "KeyName"), Narrow(name));
         EXPECT_EQ(FromBase64(JsonString(jwk, "n")), modulus);
         EXPECT_EQ(JsonString(jwk, "qi").find_first_of("+/="), std::string::npos); // base64url, unpadded
         ExpectSignatureVerifies(p, h, original, true);

@@ -6,25 +6,19 @@
 #include <vector>
 
 using namespace kestal_test;
-using Bytes = std::vector<BYTE>;
 
 namespace {
 
-Bytes Dword(DWORD v) { return Bytes(reinterpret_cast<BYTE *>(&v), reinterpret_cast<BYTE *>(&v + 1)); }
-Bytes Wide(const wchar_t *s)
-{
-    return Bytes(reinterpret_cast<const BYTE *>(s), reinterpret_cast<const BYTE *>(s + wcslen(s) + 1));
-}
+Bytes Dword(DWORD v) { return BytesOf(v); }
 
-class ProviderProperties : public ::testing::Test {
+// A provider of the core with no settings.
+class ProviderProperties : public VaultProviderTest {
 protected:
     void SetUp() override
     {
-        ClearSettings(HKEY_LOCAL_MACHINE);
-        ClearSettings(HKEY_CURRENT_USER);
-        ASSERT_EQ(KestalKeyVaultKSPOpenProvider(&h_, KSP_PROVIDER_NAME, 0), 0);
+        VaultProviderTest::SetUp();
+        h_ = OpenProvider(Via::Core);
     }
-    void TearDown() override { KestalKeyVaultKSPFreeProvider(h_); }
     // Asks the size, then the value into a buffer of exactly that size.
     SECURITY_STATUS Get(const wchar_t *name, Bytes *value, DWORD flags = 0)
     {
@@ -47,7 +41,7 @@ TEST_F(ProviderProperties, GetAnswersEachPropertyAndRefusesWhatItCannot)
 {
     const std::pair<const wchar_t *, Bytes> rows[] = {
         {L"Impl Type", Dword(NCRYPT_IMPL_HARDWARE_FLAG)}, {L"Max Name Length", Dword(42)},
-        {L"Name", Wide(KSP_PROVIDER_NAME)}, {L"Version", Dword(0x00010000)}, {L"Security Descr Support", Dword(0)}};
+        {L"Name", WideText(KSP_PROVIDER_NAME)}, {L"Version", Dword(0x00010000)}, {L"Security Descr Support", Dword(0)}};
     for (const auto &[name, expected] : rows) {
         Bytes value;
         EXPECT_EQ(Get(name, &value), 0) << Narrow(name);
@@ -78,7 +72,7 @@ TEST_F(ProviderProperties, UseContextIsTheOnlyPropertyThatCanBeSet)
     EXPECT_EQ(Set(L"Use Context", L"signing web traffic", NCRYPT_SILENT_FLAG), 0);
     Bytes value;
     EXPECT_EQ(Get(L"Use Context", &value), 0);
-    EXPECT_EQ(value, Wide(L"signing web traffic"));
+    EXPECT_EQ(value, WideText(L"signing web traffic"));
 
     EXPECT_EQ(Set(L"use context", L"x"), NTE_NOT_SUPPORTED);
     EXPECT_EQ(Set(L"Name", L"x"), NTE_NOT_SUPPORTED);
@@ -87,7 +81,7 @@ TEST_F(ProviderProperties, UseContextIsTheOnlyPropertyThatCanBeSet)
     EXPECT_EQ(Set(nullptr, L"x"), NTE_INVALID_PARAMETER);
     EXPECT_EQ(KestalKeyVaultKSPSetProviderProperty(h_, L"Use Context", nullptr, 4, 0), NTE_INVALID_PARAMETER);
     EXPECT_EQ(Get(L"Use Context", &value), 0); // refused sets leave the value alone
-    EXPECT_EQ(value, Wide(L"signing web traffic"));
+    EXPECT_EQ(value, WideText(L"signing web traffic"));
 }
 
 TEST_F(ProviderProperties, HandlesThatAreNotLiveProvidersAreRefused)

@@ -1,6 +1,7 @@
 #include "tests/harness/harness.h"
 
 #include <numeric>
+#include <vector>
 
 using namespace kestal_test;
 
@@ -9,10 +10,9 @@ namespace {
 constexpr DWORD kPkcs1 = BCRYPT_PAD_PKCS1, kPss = BCRYPT_PAD_PSS;
 constexpr NTSTATUS kStatusNotImplemented = static_cast<NTSTATUS>(0xC0000002);
 
-DWORD Size(const std::vector<BYTE> &bytes) { return static_cast<DWORD>(bytes.size()); }
-std::vector<BYTE> Bytes(size_t count, BYTE first)
+Bytes Counting(size_t count, BYTE first)
 {
-    std::vector<BYTE> bytes(count);
+    Bytes bytes(count);
     std::iota(bytes.begin(), bytes.end(), first);
     return bytes;
 }
@@ -20,11 +20,11 @@ std::vector<BYTE> Bytes(size_t count, BYTE first)
 class SignVerify : public VaultKeyTest {
 protected:
     // Both padding structures begin with pszAlgId, so the PSS one serves PKCS1 as well.
-    std::vector<BYTE> Sign(NCRYPT_KEY_HANDLE key, const wchar_t *hashName, std::vector<BYTE> hash, DWORD flags,
+    Bytes Sign(NCRYPT_KEY_HANDLE key, const wchar_t *hashName, Bytes hash, DWORD flags,
                            SECURITY_STATUS *status = nullptr)
     {
         BCRYPT_PSS_PADDING_INFO padding = {hashName, Size(hash)};
-        std::vector<BYTE> signature(600);
+        Bytes signature(600);
         DWORD cb = 0;
         SECURITY_STATUS rc = Ksp().SignHash(provider, key, &padding, hash.data(), Size(hash), signature.data(),
                                             Size(signature), &cb, flags);
@@ -33,8 +33,8 @@ protected:
         signature.resize(rc == 0 ? cb : 0);
         return signature;
     }
-    SECURITY_STATUS Verify(NCRYPT_KEY_HANDLE key, const wchar_t *hashName, std::vector<BYTE> hash, DWORD flags,
-                           std::vector<BYTE> signature)
+    SECURITY_STATUS Verify(NCRYPT_KEY_HANDLE key, const wchar_t *hashName, Bytes hash, DWORD flags,
+                           Bytes signature)
     {
         BCRYPT_PSS_PADDING_INFO padding = {hashName, Size(hash)};
         return Ksp().VerifySignature(provider, key, &padding, hash.data(), Size(hash), signature.data(),
@@ -46,23 +46,25 @@ protected:
 
 TEST_F(SignVerify, VaultSignaturesVerifyWithWindowsCryptoAndThroughTheProvider)
 {
-    // EC keys sign the hash of their curve.
-    struct Key { const char *name, *members; const wchar_t *blobType, *ecHash; DWORD sizeQuery, signatureBytes;
-        } keys[] = {
-        {"rsa2048", R"("kty":"RSA","key_size":2048)", BCRYPT_RSAPUBLIC_BLOB, nullptr, 256, 256},
-        {"rsa3072", R"("kty":"RSA","key_size":3072)", BCRYPT_RSAPUBLIC_BLOB, nullptr, 384, 384},
-        {"rsa4096", R"("kty":"RSA","key_size":4096)", BCRYPT_PUBLIC_KEY_BLOB, nullptr, 512, 512},
-        {"p256", R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})", BCRYPT_ECCPUBLIC_BLOB, L"SHA256", 132,
-         64},
-        {"p384", R"("kty":"EC","crv":"P-384")", BCRYPT_ECCPUBLIC_BLOB, L"SHA384", 132, 96},
-        {"p521", R"("kty":"EC","crv":"P-521","tags":{"AlgID":"ECDH"})", BCRYPT_ECCPUBLIC_BLOB, L"SHA512", 132, 132},
+    struct Row { DWORD flags; const wchar_t *hash; const char *vaultAlg; };
+    const std::vector<Row> rsaRows = {{kPkcs1, L"SHA1", "RSNULL"}, {kPkcs1, L"SHA256", "RS256"},
+                                      {kPkcs1, L"SHA384", "RS384"}, {kPkcs1, L"SHA512", "RS512"},
+                                      {kPss, L"SHA256", "PS256"},   {kPss, L"SHA384", "PS384"},
+                                      {kPss, L"SHA512", "PS512"}};
+    // EC keys sign the hash of their curve. (Other RSA sizes take the same path: the size is the modulus's.)
+    const struct { const char *name, *members; const wchar_t *blobType; DWORD sizeQuery, signatureBytes;
+        std::vector<Row> rows; } keys[] = {
+        {.name = "rsa2048", .members = R"("kty":"RSA","key_size":2048)", .blobType = BCRYPT_RSAPUBLIC_BLOB,
+         .sizeQuery = 256, .signatureBytes = 256, .rows = rsaRows},
+        {.name = "p256", .members = R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})",
+         .blobType = BCRYPT_ECCPUBLIC_BLOB, .sizeQuery = 132, .signatureBytes = 64, .rows = {{0, L"SHA256", "ES256"}}},
+        {.name = "p384", .members = R"("kty":"EC","crv":"P-384")", .blobType = BCRYPT_ECCPUBLIC_BLOB,
+         .sizeQuery = 132, .signatureBytes = 96, .rows = {{0, L"SHA384", "ES384"}}},
+        {.name = "p521", .members = R"("kty":"EC","crv":"P-521","tags":{"AlgID":"ECDH"})",
+         .blobType = BCRYPT_ECCPUBLIC_BLOB, .sizeQuery = 132, .signatureBytes = 132, .rows = {{0, L"SHA512", "ES512"}}},
     };
-    struct Row { DWORD flags; const wchar_t *hash; const char *vaultAlg; } rsaRows[] = {
-        {kPkcs1, L"SHA1", "RSNULL"}, {kPkcs1, L"SHA256", "RS256"}, {kPkcs1, L"SHA384", "RS384"},
-        {kPkcs1, L"SHA512", "RS512"}, {kPss, L"SHA256", "PS256"},  {kPss, L"SHA384", "PS384"},
-        {kPss, L"SHA512", "PS512"}};
     std::vector<std::string> expectedAlgs;
-    for (const Key &k : keys) {
+    for (const auto &k : keys) {
         NCRYPT_KEY_HANDLE key = SeedAndOpen(k.name, k.members);
         NTSTATUS imported = 0;
         BcryptKey local = ImportPublicBlob(ExportKeyBlob(Ksp(), provider, key, k.blobType), &imported);
@@ -71,12 +73,9 @@ TEST_F(SignVerify, VaultSignaturesVerifyWithWindowsCryptoAndThroughTheProvider)
         DWORD cb = 0;
         EXPECT_EQ(Ksp().SignHash(provider, key, nullptr, nullptr, 0, nullptr, 0, &cb, 0), 0);
         EXPECT_EQ(cb, k.sizeQuery) << k.name;
-        std::vector<Row> rows(std::begin(rsaRows), std::end(rsaRows));
-        if (k.ecHash)
-            rows = {{0, k.ecHash, k.signatureBytes == 64 ? "ES256" : k.signatureBytes == 96 ? "ES384" : "ES512"}};
-        for (const Row &row : rows) {
+        for (const Row &row : k.rows) {
             SCOPED_TRACE(std::string(k.name) + " " + row.vaultAlg);
-            std::vector<BYTE> hash = HashOf(row.hash, k.name), signature = Sign(key, row.hash, hash, row.flags);
+            Bytes hash = HashOf(row.hash, k.name), signature = Sign(key, row.hash, hash, row.flags);
             ASSERT_EQ(signature.size(), k.signatureBytes);
             BCRYPT_PSS_PADDING_INFO padding = {row.hash, Size(hash)};
             if (local) {
@@ -99,33 +98,33 @@ TEST_F(SignVerify, SignHashMapsPaddingAndHashOrRefuses)
     NCRYPT_KEY_HANDLE p256 = SeedAndOpen("p256", R"("kty":"EC","crv":"P-256")");
     NCRYPT_KEY_HANDLE unnamed = SeedAndOpen("k256", R"("kty":"EC","crv":"P-256K")"); // no CNG algorithm name
     const wchar_t *kNoInfo = L"(no padding information)";
-    // hashName null: pszAlgId null; vaultAlg "": nothing reaches the vault.
-    struct Row { NCRYPT_KEY_HANDLE key; DWORD flags; const wchar_t *hashName; size_t hashBytes;
-        SECURITY_STATUS status; const char *vaultAlg; } rows[] = {
-        {rsa, kPkcs1 | kPss, L"SHA256", 32, 0, "RS256"},
-        {rsa, kPkcs1, L"sha384", 48, 0, "RS384"},
-        {rsa, kPss | NCRYPT_SILENT_FLAG, L"Sha512", 64, 0, "PS512"},
-        {rsa, kPkcs1, L"SHA256", 20, NTE_FAIL, "RS256"}, // the vault wants 32 bytes
-        {rsa, kPkcs1, L"SHA1", 32, NTE_NOT_SUPPORTED, ""},
-        {rsa, kPss, L"SHA1", 20, NTE_NOT_SUPPORTED, ""},
-        {rsa, kPkcs1, L"MD5", 16, NTE_NOT_SUPPORTED, ""},
-        {rsa, kPkcs1, nullptr, 32, NTE_NOT_SUPPORTED, ""},
-        {rsa, kPss, kNoInfo, 32, NTE_NOT_SUPPORTED, ""},
-        {rsa, kPss, nullptr, 32, NTE_NOT_SUPPORTED, ""},
-        {rsa, 0, L"SHA256", 32, NTE_INVALID_PARAMETER, ""},
-        {p256, NCRYPT_SILENT_FLAG, L"SHA256", 32, NTE_INVALID_PARAMETER, ""},
-        {p256, kPkcs1, L"SHA256", 32, NTE_INVALID_PARAMETER, ""},
-        {p256, 0x1, L"SHA256", 32, NTE_BAD_FLAGS, ""},
-        {unnamed, 0, nullptr, 32, NTE_INVALID_PARAMETER, ""},
-        {unnamed, 0, nullptr, 20, NTE_FAIL, "ES256"}, // resized, then the vault refuses P-256K
+    // hash null: pszAlgId null; vaultAlg "": nothing reaches the vault.
+    const struct { NCRYPT_KEY_HANDLE key; DWORD flags; const wchar_t *hash; size_t hashBytes;
+        SECURITY_STATUS status = 0; const char *vaultAlg = ""; } rows[] = {
+        {.key = rsa, .flags = kPkcs1 | kPss, .hash = L"SHA256", .hashBytes = 32, .vaultAlg = "RS256"},
+        {.key = rsa, .flags = kPkcs1, .hash = L"sha384", .hashBytes = 48, .vaultAlg = "RS384"},
+        {.key = rsa, .flags = kPss | NCRYPT_SILENT_FLAG, .hash = L"Sha512", .hashBytes = 64, .vaultAlg = "PS512"},
+        {.key = rsa, .flags = kPkcs1, .hash = L"SHA256", .hashBytes = 20, .status = NTE_FAIL,
+         .vaultAlg = "RS256"}, // the vault wants 32 bytes
+        {.key = rsa, .flags = kPkcs1, .hash = L"SHA1", .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
+        {.key = rsa, .flags = kPss, .hash = L"SHA1", .hashBytes = 20, .status = NTE_NOT_SUPPORTED},
+        {.key = rsa, .flags = kPkcs1, .hash = nullptr, .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
+        {.key = rsa, .flags = kPss, .hash = kNoInfo, .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
+        {.key = rsa, .flags = kPss, .hash = nullptr, .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
+        {.key = rsa, .flags = 0, .hash = L"SHA256", .hashBytes = 32, .status = NTE_INVALID_PARAMETER},
+        {.key = p256, .flags = NCRYPT_SILENT_FLAG, .hash = L"SHA256", .hashBytes = 32, .status = NTE_INVALID_PARAMETER},
+        {.key = p256, .flags = kPkcs1, .hash = L"SHA256", .hashBytes = 32, .status = NTE_INVALID_PARAMETER},
+        {.key = unnamed, .flags = 0, .hash = nullptr, .hashBytes = 32, .status = NTE_INVALID_PARAMETER},
+        {.key = unnamed, .flags = 0, .hash = nullptr, .hashBytes = 20, .status = NTE_FAIL,
+         .vaultAlg = "ES256"}, // resized, then the vault refuses P-256K
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         size_t before = CryptoRequests().size();
-        std::vector<BYTE> hash = Bytes(row.hashBytes, 1), signature(600);
-        BCRYPT_PSS_PADDING_INFO padding = {row.hashName, 0};
+        Bytes hash = Counting(row.hashBytes, 1), signature(600);
+        BCRYPT_PSS_PADDING_INFO padding = {row.hash, 0};
         DWORD cb = 0;
-        EXPECT_EQ(Ksp().SignHash(provider, row.key, row.hashName == kNoInfo ? nullptr : &padding, hash.data(),
-                                 Size(hash), signature.data(), 600, &cb, row.flags),
+        EXPECT_EQ(Ksp().SignHash(provider, row.key, row.hash == kNoInfo ? nullptr : &padding, hash.data(), Size(hash),
+                                 signature.data(), 600, &cb, row.flags),
                   row.status)
             << "row " << &row - rows;
         std::vector<std::string> algs = CryptoRequests();
@@ -138,16 +137,16 @@ TEST_F(SignVerify, EcHashIsResizedToTheCurveKeepingItsRightmostBytes)
     NCRYPT_KEY_HANDLE p256 = SeedAndOpen("p256", R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})");
     NCRYPT_KEY_HANDLE p384 = SeedAndOpen("p384", R"("kty":"EC","crv":"P-384")");
     NCRYPT_KEY_HANDLE p521 = SeedAndOpen("p521", R"("kty":"EC","crv":"P-521")");
-    struct Row { NCRYPT_KEY_HANDLE key; size_t given, sent; } rows[] = {
-        {p256, 20, 32}, {p256, 48, 32}, {p384, 64, 48}, {p521, 32, 64}, {p521, 48, 64}};
-    for (const Row &row : rows) {
+    const struct { NCRYPT_KEY_HANDLE key; size_t given, sent; } rows[] = {
+        {p256, 20, 32}, {p256, 48, 32}, {p384, 64, 48}, {p521, 32, 64}};
+    for (const auto &row : rows) {
         SCOPED_TRACE(std::to_string(row.given) + " -> " + std::to_string(row.sent));
-        std::vector<BYTE> hash = Bytes(row.given, 0x80), expected(row.sent, 0);
+        Bytes hash = Counting(row.given, 0x80), expected(row.sent, 0);
         if (row.given < row.sent)
             std::copy(hash.begin(), hash.end(), expected.end() - row.given);
         else
             expected.assign(hash.end() - row.sent, hash.end());
-        std::vector<BYTE> signature = Sign(row.key, nullptr, hash, 0);
+        Bytes signature = Sign(row.key, nullptr, hash, 0);
         EXPECT_EQ(FromBase64(CryptoRequests("value").back()), expected);
         // Verification resizes the same way and, unlike signing, lets NCRYPT_SILENT_FLAG through.
         EXPECT_EQ(Verify(row.key, nullptr, hash, NCRYPT_SILENT_FLAG, signature), 0);
@@ -159,65 +158,70 @@ TEST_F(SignVerify, ChecksComeBeforeTheVaultInTheirOwnOrder)
 {
     NCRYPT_KEY_HANDLE rsa = SeedAndOpen("rsa", R"("kty":"RSA","key_size":2048)");
     NCRYPT_KEY_HANDLE ec = SeedAndOpen("p256", R"("kty":"EC","crv":"P-256")");
-    KSP_KEY *blank = nullptr; // a key object that never met the vault: no sizes known
-    ASSERT_EQ(CreateNewKeyObject(L"blank", L"RSA", &blank, NCRYPT_MACHINE_KEY_FLAG), 0);
-    std::vector<BYTE> hash = Bytes(32, 7), good = Sign(rsa, L"SHA256", hash, kPkcs1);
-    enum Target { Rsa, KeyAsProvider, NullKey, Blank, Ec };
+    NCRYPT_KEY_HANDLE pending = CreateKey(L"pending", NCRYPT_ALLOW_SIGNING_FLAG, false);
+    NCRYPT_KEY_HANDLE decryptOnly = CreateKey(L"decrypt-only", NCRYPT_ALLOW_DECRYPT_FLAG);
+    Bytes hash = Counting(32, 7), good = Sign(rsa, L"SHA256", hash, kPkcs1);
     enum Out { Full, Small, NoBuffer, NoResult }; // NoResult: pcbResult null
     // cb: *pcbResult afterwards.
-    struct Row { bool sign; Target target; DWORD finished, usage, flags; bool nullHash; DWORD cbHash; Out out;
-        SECURITY_STATUS status; DWORD cb; } rows[] = {
-        {true, KeyAsProvider, 1, 3, kPkcs1, false, 32, Full, NTE_INVALID_HANDLE, 0},
-        {true, NullKey, 1, 3, kPkcs1, false, 32, Full, NTE_INVALID_HANDLE, 0},
-        {true, Rsa, 1, 3, kPkcs1, false, 32, NoResult, NTE_INVALID_PARAMETER, 0},
-        {true, Rsa, 0, 0, 0x1, false, 32, Full, NTE_BAD_FLAGS, 0},
-        {true, Rsa, 0, 3, kPkcs1, false, 32, Full, NTE_BAD_KEY_STATE, 0},
-        {true, Rsa, 1, NCRYPT_ALLOW_DECRYPT_FLAG, kPkcs1, true, 0, NoBuffer, NTE_PERM, 0},
-        {true, Rsa, 1, 3, kPkcs1, true, 0, NoBuffer, 0, 256}, // the size query reads no hash
-        {true, Blank, 1, 3, kPkcs1, false, 32, NoBuffer, 0, 512},
-        {true, Rsa, 1, 3, kPkcs1, true, 32, Full, NTE_INVALID_PARAMETER, 0},
-        {true, Rsa, 1, 3, kPkcs1, false, 0, Full, NTE_INVALID_PARAMETER, 0},
-        {true, Rsa, 1, 3, kPkcs1, false, 32, Small, NTE_FAIL, 256},
-        {false, NullKey, 1, 3, kPkcs1, false, 32, Full, NTE_INVALID_HANDLE, 0},
-        {false, Rsa, 0, 3, kPkcs1, false, 32, Full, NTE_BAD_KEY_STATE, 0},
-        {false, Rsa, 1, 3, kPkcs1, true, 32, Full, NTE_INVALID_PARAMETER, 0},
-        {false, Rsa, 1, 3, 0x1, false, 32, Full, NTE_BAD_FLAGS, 0},
-        {false, Rsa, 1, 0, kPkcs1, false, 32, Full, 0, 0}, // usage is not consulted
-        {false, Rsa, 1, 3, 0, false, 32, Full, NTE_NOT_SUPPORTED, 0},
-        {false, Ec, 1, 3, kPkcs1, false, 32, Full, NTE_NOT_SUPPORTED, 0},
+    const struct { bool sign; NCRYPT_PROV_HANDLE p; NCRYPT_KEY_HANDLE key; DWORD flags = kPkcs1; bool nullHash = false;
+        DWORD cbHash = 32; Out out = Full; SECURITY_STATUS status = 0; DWORD cb = 0; } rows[] = {
+        {.sign = true, .p = rsa, .key = rsa, .status = NTE_INVALID_HANDLE},
+        {.sign = true, .p = provider, .key = 0, .status = NTE_INVALID_HANDLE},
+        {.sign = true, .p = provider, .key = rsa, .out = NoResult, .status = NTE_INVALID_PARAMETER},
+        {.sign = true, .p = provider, .key = pending, .flags = 0x1, .status = NTE_BAD_FLAGS},
+        {.sign = true, .p = provider, .key = pending, .status = NTE_BAD_KEY_STATE},
+        {.sign = true, .p = provider, .key = decryptOnly, .nullHash = true, .cbHash = 0, .out = NoBuffer,
+         .status = NTE_PERM},
+        {.sign = true, .p = provider, .key = rsa, .nullHash = true, .cbHash = 0, .out = NoBuffer,
+         .cb = 256}, // the size query reads no hash
+        {.sign = true, .p = provider, .key = rsa, .nullHash = true, .status = NTE_INVALID_PARAMETER},
+        {.sign = true, .p = provider, .key = rsa, .cbHash = 0, .status = NTE_INVALID_PARAMETER},
+        {.sign = true, .p = provider, .key = rsa, .out = Small, .status = NTE_FAIL, .cb = 256},
+        {.sign = false, .p = provider, .key = 0, .status = NTE_INVALID_HANDLE},
+        {.sign = false, .p = provider, .key = pending, .status = NTE_BAD_KEY_STATE},
+        {.sign = false, .p = provider, .key = rsa, .nullHash = true, .status = NTE_INVALID_PARAMETER},
+        {.sign = false, .p = provider, .key = rsa, .flags = 0x1, .status = NTE_BAD_FLAGS},
+        {.sign = false, .p = provider, .key = decryptOnly, .status = NTE_BAD_SIGNATURE}, // usage is not consulted
+        {.sign = false, .p = provider, .key = rsa, .flags = 0, .status = NTE_NOT_SUPPORTED},
+        {.sign = false, .p = provider, .key = ec, .status = NTE_NOT_SUPPORTED},
     };
     BCRYPT_PKCS1_PADDING_INFO sha256 = {L"SHA256"};
-    for (const Row &row : rows) {
-        KSP_KEY *target = row.target == Blank ? blank : KspKeyFromHandle(rsa);
-        target->fFinished = row.finished;
-        target->dwKeyUsagePolicy = row.usage;
-        auto key = row.target == NullKey ? 0 : row.target == Ec ? ec : reinterpret_cast<NCRYPT_KEY_HANDLE>(target);
-        NCRYPT_PROV_HANDLE p = row.target == KeyAsProvider ? static_cast<NCRYPT_PROV_HANDLE>(rsa) : provider;
+    for (const auto &row : rows) {
         PBYTE pbHash = row.nullHash ? nullptr : hash.data();
-        std::vector<BYTE> out = row.out == Small ? std::vector<BYTE>(10) : good;
+        Bytes out = row.out == Small ? Bytes(10) : good;
         DWORD cb = 0;
-        EXPECT_EQ(row.sign ? Ksp().SignHash(p, key, &sha256, pbHash, row.cbHash,
+        EXPECT_EQ(row.sign ? Ksp().SignHash(row.p, row.key, &sha256, pbHash, row.cbHash,
                                             row.out == NoBuffer ? nullptr : out.data(), Size(out),
                                             row.out == NoResult ? nullptr : &cb, row.flags)
-                           : Ksp().VerifySignature(p, key, &sha256, pbHash, row.cbHash, out.data(), Size(out),
+                           : Ksp().VerifySignature(row.p, row.key, &sha256, pbHash, row.cbHash, out.data(), Size(out),
                                                    row.flags),
                   row.status)
             << "row " << &row - rows;
         EXPECT_EQ(cb, row.cb) << "row " << &row - rows;
-        target->fFinished = 1;
-        target->dwKeyUsagePolicy = NCRYPT_ALLOW_DECRYPT_FLAG | NCRYPT_ALLOW_SIGNING_FLAG;
     }
-    DeleteKeyObject(blank);
     EXPECT_EQ(CryptoRequests().size(), 3u); // the good signature, the small buffer, the unconsulted usage
+}
 
-    // Without a token neither entry reaches the vault's crypto.
-    ScriptAnswers(emulator, "login", R"([{"status":400,"repeat":2,"body":{"error":"invalid_client"}}])");
-    KspProviderFromHandle(provider)->kvcMachine->tokenExpiry = 0;
-    SECURITY_STATUS status = 0;
-    Sign(rsa, L"SHA256", hash, kPkcs1, &status);
-    EXPECT_EQ(status, SEC_E_LOGON_DENIED);
-    EXPECT_EQ(Verify(rsa, L"SHA256", hash, kPkcs1, good), SEC_E_LOGON_DENIED);
-    EXPECT_EQ(CryptoRequests().size(), 3u);
+TEST_F(SignVerify, WithoutATokenNoCryptographicEntryReachesTheVault)
+{
+    SeedKey(emulator, L"kestaltest", "rsa");
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &core = Ksp(Via::Core); // its clock is the test's
+    NCRYPT_PROV_HANDLE p = OpenProvider(Via::Core);
+    NCRYPT_KEY_HANDLE key = 0;
+    ASSERT_EQ(core.OpenKey(p, &key, L"rsa", 0, NCRYPT_MACHINE_KEY_FLAG), 0);
+    time.now += 3600; // the token has run out, and the directory now refuses the app
+    ScriptAnswers(emulator, "login", R"([{"status":400,"repeat":4,"body":{"error":"invalid_client"}}])");
+    Bytes hash = Counting(32, 7), signature(256);
+    BCRYPT_PKCS1_PADDING_INFO sha256 = {L"SHA256"};
+    DWORD cb = 0;
+    EXPECT_EQ(core.SignHash(p, key, &sha256, hash.data(), 32, signature.data(), 256, &cb, kPkcs1), SEC_E_LOGON_DENIED);
+    EXPECT_EQ(core.VerifySignature(p, key, &sha256, hash.data(), 32, signature.data(), 256, kPkcs1),
+              SEC_E_LOGON_DENIED);
+    EXPECT_EQ(core.Encrypt(p, key, hash.data(), 32, nullptr, signature.data(), 256, &cb, NCRYPT_PAD_OAEP_FLAG),
+              SEC_E_LOGON_DENIED);
+    EXPECT_EQ(core.Decrypt(p, key, signature.data(), 256, nullptr, hash.data(), 32, &cb, NCRYPT_PAD_OAEP_FLAG),
+              SEC_E_LOGON_DENIED);
+    EXPECT_EQ(CryptoRequests().size(), 0u);
 }
 
 TEST_F(SignVerify, RecordedRs256SignatureIsReproduced)
@@ -237,16 +241,18 @@ TEST_F(SignVerify, RecordedRs256SignatureIsReproduced)
         SeedAndOpen("livekvtestkeysignf85e13d6", R"("jwk":{"kty":"RSA","e":"AQAB","n":")" + n + "\"," + privateMembers +
                                                      R"(},"version":"ab42d2c7454a403b8bbe23839294b167")");
     DWORD cb = 0;
-    EXPECT_EQ(Ksp().SignHash(provider, key, nullptr, nullptr, 0, nullptr, 0, &cb, kPkcs1) + cb, 257u);
+    EXPECT_EQ(Ksp().SignHash(provider, key, nullptr, nullptr, 0, nullptr, 0, &cb, kPkcs1), 0);
+    EXPECT_EQ(cb, 257u);
     EXPECT_EQ(Sign(key, L"SHA256", FromBase64("vgZc0NQUb6WMKX___V2JntcFRO_vszKwSAj7R2rL1zg"), kPkcs1),
               FromBase64(recorded));
     EXPECT_EQ(VaultRequests().back().url,
               "/keys/livekvtestkeysignf85e13d6/ab42d2c7454a403b8bbe23839294b167/sign?api-version=7.0");
 
     // An odd-length modulus that already starts with zero is exported as it stands.
-    std::vector<BYTE> blob = ExportKeyBlob(Ksp(), provider, key, BCRYPT_RSAPUBLIC_BLOB);
+    Bytes blob = ExportKeyBlob(Ksp(), provider, key, BCRYPT_RSAPUBLIC_BLOB);
     ASSERT_EQ(blob.size(), sizeof(BCRYPT_RSAKEY_BLOB) + 3 + 257);
     const auto *header = reinterpret_cast<const BCRYPT_RSAKEY_BLOB *>(blob.data());
-    EXPECT_EQ(header->BitLength * 1000 + header->cbModulus, 257u * 8 * 1000 + 257);
-    EXPECT_EQ(std::vector<BYTE>(blob.end() - 257, blob.end()), FromBase64(n));
+    EXPECT_EQ(header->BitLength, 257u * 8);
+    EXPECT_EQ(header->cbModulus, 257u);
+    EXPECT_EQ(Bytes(blob.end() - 257, blob.end()), FromBase64(n));
 }

@@ -10,28 +10,15 @@ namespace {
 
 constexpr char kList[] = "GET /certificates?api-version=2016-10-01";
 
-BYTE *Bytes(const std::string &s) { return reinterpret_cast<BYTE *>(const_cast<char *>(s.data())); }
-std::string Str(const BYTE *p, DWORD cb) { return std::string(reinterpret_cast<const char *>(p), cb); }
+BYTE *Ptr(const std::string &s) { return reinterpret_cast<BYTE *>(const_cast<char *>(s.data())); }
 std::string Base64(const std::string &bytes, bool url = false)
 {
-    std::string out = ToBase64(std::vector<BYTE>(bytes.begin(), bytes.end()));
-    for (char &c : out)
-        c = url && c == '+' ? '-' : url && c == '/' ? '_' : c;
-    return url ? out.substr(0, out.find('=')) : out;
-}
-std::string Hex(const std::string &bytes)
-{
-    std::string out;
-    for (unsigned char c : bytes)
-        out += {"0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 15]};
-    return out;
+    return url ? ToBase64Url(ToBytes(bytes)) : ToBase64(ToBytes(bytes));
 }
 std::string Sha1(const std::string &der)
 {
-    BYTE hash[20];
-    DWORD cb = sizeof(hash);
-    CryptHashCertificate(0, CALG_SHA1, 0, Bytes(der), static_cast<DWORD>(der.size()), hash, &cb);
-    return Str(hash, cb);
+    Bytes hash = HashOf(BCRYPT_SHA1_ALGORITHM, der);
+    return ToStr(hash.data(), hash.size());
 }
 
 std::vector<std::string> g_made; // every certificate made by the running test
@@ -46,7 +33,7 @@ std::string MakeCert(const std::wstring &cn, WORD year)
     CERT_NAME_BLOB subject = {cbName, name};
     SYSTEMTIME from = {year, 1, 0, 1}, to = {static_cast<WORD>(year + 30), 1, 0, 1};
     PCCERT_CONTEXT cert = CertCreateSelfSignCertificate(0, &subject, 0, nullptr, nullptr, &from, &to, nullptr);
-    g_made.push_back(cert ? Str(cert->pbCertEncoded, cert->cbCertEncoded) : "");
+    g_made.push_back(cert ? ToStr(cert->pbCertEncoded, cert->cbCertEncoded) : "");
     CertFreeCertificateContext(cert);
     return g_made.back();
 }
@@ -57,11 +44,11 @@ struct Store {
     HCERTSTORE h = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"My");
     ~Store() { CertCloseStore(h, 0); }
 };
-// "container|provider|flags|dwProvType + dwKeySpec + cProvParam"; "" when not in the store.
+// "container|provider|flags|dwProvType|dwKeySpec|cProvParam"; "" when not in the store.
 std::string Binding(const std::string &der)
 {
     std::string hash = Sha1(der);
-    CRYPT_HASH_BLOB blob = {20, Bytes(hash)};
+    CRYPT_HASH_BLOB blob = {20, Ptr(hash)};
     PCCERT_CONTEXT cert = CertFindCertificateInStore(Store().h, X509_ASN_ENCODING, 0, CERT_FIND_SHA1_HASH, &blob, 0);
     alignas(CRYPT_KEY_PROV_INFO) BYTE bytes[1000];
     DWORD cb = sizeof(bytes);
@@ -69,14 +56,14 @@ std::string Binding(const std::string &der)
     std::string out = !cert ? "" : "unbound";
     if (cert && CertGetCertificateContextProperty(cert, CERT_KEY_PROV_INFO_PROP_ID, bytes, &cb))
         out = Narrow(i->pwszContainerName) + "|" + Narrow(i->pwszProvName) + "|" + std::to_string(i->dwFlags) + "|" +
-              std::to_string(i->dwProvType + i->dwKeySpec + i->cProvParam);
+              std::to_string(i->dwProvType) + "|" + std::to_string(i->dwKeySpec) + "|" + std::to_string(i->cProvParam);
     CertFreeCertificateContext(cert);
     return out;
 }
 void AddToStore(const std::string &der, const wchar_t *container, const wchar_t *provider = KSP_PROVIDER_NAME)
 {
     PCCERT_CONTEXT cert = nullptr;
-    CertAddEncodedCertificateToStore(Store().h, X509_ASN_ENCODING, Bytes(der), static_cast<DWORD>(der.size()),
+    CertAddEncodedCertificateToStore(Store().h, X509_ASN_ENCODING, Ptr(der), static_cast<DWORD>(der.size()),
                                      CERT_STORE_ADD_REPLACE_EXISTING, &cert);
     CRYPT_KEY_PROV_INFO info = {const_cast<LPWSTR>(container), const_cast<LPWSTR>(provider), 0, 0x20};
     CertSetCertificateContextProperty(cert, CERT_KEY_PROV_INFO_PROP_ID, 0, &info);
@@ -87,7 +74,11 @@ void AddToStore(const std::string &der, const wchar_t *container, const wchar_t 
 struct Listing {
     WCHAR **names = nullptr, **thumbprints = nullptr;
     DWORD count = 0;
-    ~Listing() { EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, names) && HeapFree(GetProcessHeap(), 0, thumbprints)); }
+    ~Listing()
+    {
+        EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, names));
+        EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, thumbprints));
+    }
     std::vector<std::string> Entries() const
     {
         std::vector<std::string> out;
@@ -191,7 +182,8 @@ TEST_F(Certs, PersistingThrottleEndsListingWithEarlierPagesAndOtherErrorsLeaveOu
     WCHAR **untouched = l.names;
     DWORD count = 99;
     EXPECT_FALSE(KVCGetCerts(kvc, &untouched, &untouched, &count));
-    EXPECT_TRUE(untouched == l.names && count == 99);
+    EXPECT_EQ(untouched, l.names);
+    EXPECT_EQ(count, 99u);
 }
 
 TEST_F(Certs, GetCertPrefersValueOverCerAndReadsTheKeysCollectionInKeyMode)
@@ -200,11 +192,12 @@ TEST_F(Certs, GetCertPrefersValueOverCerAndReadsTheKeysCollectionInKeyMode)
                Base64("value bytes", true) + R"("}})",
            "/certificates/web");
     Script(Answer("cer", "cer bytes"), "/keys/web");
-    for (DWORD certMode : {1, 0}) {
-        kvc->fCertMode = certMode;
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"CertificatesOrKeys", 1);
+    KVC *keyMode = SignedInMachineClient();
+    for (KVC *client : {kvc, keyMode}) {
         DATA_BLOB blob = {};
-        ASSERT_TRUE(KVCGetCert(kvc, L"web", &blob)) << certMode; // only these paths are scripted
-        EXPECT_EQ(Str(blob.pbData, blob.cbData), certMode ? "value bytes" : "cer bytes");
+        ASSERT_TRUE(KVCGetCert(client, L"web", &blob)); // only these paths are scripted
+        EXPECT_EQ(ToStr(blob.pbData, blob.cbData), client == kvc ? "value bytes" : "cer bytes");
         free(blob.pbData);
     }
 }
@@ -240,8 +233,9 @@ TEST_F(Certs, SyncPullsEachNewCertificateOnceBoundToTheProvider)
                                                  "GET /certificates/placeholder?api-version=2016-10-01"}));
     EXPECT_EQ(Narrow(GetSetting(HKEY_LOCAL_MACHINE, L"CertSync")),
               Hex(Sha1(known)) + "," + Hex(Sha1(fresh)) + "," + Hex(Sha1(dummy)) + ",");
-    EXPECT_EQ(Binding(fresh), "Web Server 1|Kestal Key Vault Key Storage Provider|32|0");
-    EXPECT_EQ(Binding(dummy) + Binding(known), "");
+    EXPECT_EQ(Binding(fresh), "Web Server 1|Kestal Key Vault Key Storage Provider|32|0|0|0");
+    EXPECT_EQ(Binding(dummy), "");
+    EXPECT_EQ(Binding(known), "");
 
     time.now += 1199; // the stamp is the sync time + 600: nothing more for 1,200 s
     KVCSyncCertsFromKVToMachine(kvc);
@@ -260,8 +254,8 @@ TEST_F(Certs, EvaluateFindsTheLatestBoundCertificateShorterThanTheBuffer)
     DWORD cbCert = sizeof(cert), cbHash = sizeof(hash);
     std::vector<WCHAR> subject(8000);
     ASSERT_TRUE(KVCEvaluateCertsInStore(FALSE, L"eval-key", cert, &cbCert, hash, &cbHash, subject.data()));
-    EXPECT_EQ(Str(cert, cbCert), later);
-    EXPECT_EQ(Str(hash, cbHash), Sha1(later));
+    EXPECT_EQ(ToStr(cert, cbCert), later);
+    EXPECT_EQ(ToStr(hash, cbHash), Sha1(later));
     EXPECT_EQ(Narrow(subject.data()), "CN=later, O=Kestal");
 
     cbCert = static_cast<DWORD>(exact.size());

@@ -24,7 +24,7 @@ protected:
         std::vector<std::string> calls;
         for (const SeenRequest &r : VaultRequests())
             calls.push_back(r.method + " " + r.url);
-        emulator.Call(L"DELETE", L"/requests");
+        ForgetRequests();
         return calls;
     }
 };
@@ -54,7 +54,9 @@ TEST_F(Deletion, NonzeroDoDeletePurgeOnlyDeletesAndAPurgeAloneStillSucceeds)
     EXPECT_EQ(Calls(), std::vector<std::string>{"DELETE /keys/web01?api-version=7.0"});
 
     // Already soft-deleted: the delete's 404 and the purge's 204 free the name.
-    kvc->fPurge = 1;
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"DoDeletePurge", 0);
+    kvc = SignedInMachineClient();
+    Calls();
     EXPECT_EQ(KVCLowLevelDeleteKey(kvc, L"web01"), 1);
     EXPECT_EQ(Calls(), (std::vector<std::string>{"DELETE /keys/web01?api-version=7.0",
                                                  "DELETE /deletedkeys/web01?api-version=7.0"}));
@@ -66,16 +68,7 @@ TEST_F(Deletion, NonzeroDoDeletePurgeOnlyDeletesAndAPurgeAloneStillSucceeds)
     EXPECT_EQ(KVCKeyDelete(nullptr, kvc), NTE_INTERNAL_ERROR);
 }
 
-TEST_F(Deletion, CertificateModeDeletesAndPurgesTheCertificateWithItsKey)
-{
-    KVC *kvc = Client(0);
-    ASSERT_EQ(emulator.Call(L"POST", L"/vaults/kestaltest/certificates", R"({"name":"web01"})").status, 200u);
-    Calls();
-    EXPECT_EQ(KVCKeyDelete(L"web01", kvc), 0);
-    EXPECT_EQ(Calls(), (std::vector<std::string>{"DELETE /certificates/web01?api-version=7.0",
-                                                 "DELETE /deletedcertificates/web01?api-version=7.0"}));
-}
-
+// (A certificate-backed key is deleted and purged with its certificate: the provider's lifecycle test.)
 TEST_F(Deletion, ThrottlingAndConflictsShareOneDoublingWaitAndBothAreBounded)
 {
     KVC *kvc = Client();

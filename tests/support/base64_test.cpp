@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "support/bldstr.h"
-#include "tests/support/logfolder.h"
+#include "tests/harness/harness.h"
 
 using namespace kestal_test;
-using Bytes = std::vector<BYTE>;
 
 TEST(Base64, EveryDecoderAcceptsUrlSafeAndMissingPadding)
 {
@@ -44,7 +43,7 @@ TEST(Base64, FromBase64SizesAllocatesAndEncoderPadsOnOneLine)
     EXPECT_EQ(text.substr(128), L"+/v7+w==");
 }
 
-using Base64Failures = LogFolderTest;
+using Base64Failures = VaultProviderTest;
 
 TEST_F(Base64Failures, InvalidOrOverLongInputFailsCleanly)
 {

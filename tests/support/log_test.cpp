@@ -1,17 +1,24 @@
 #include <gtest/gtest.h>
 
-#include "tests/support/logfolder.h"
+#include "tests/harness/harness.h"
 
 using namespace kestal_test;
 
-using LogLines = LogFolderTest;
+namespace {
+
+// The fixture's own start wrote into 2023-11-14's file; these tests write into 1 March 2024's.
+constexpr __time64_t kMar1At143000Utc = 1'709'303'400;
+
+using LogLines = VaultProviderTest;
+
+} // namespace
 
 TEST_F(LogLines, EveryWrapperWritesItsExactLine)
 {
     SetTimeZone("GMT0");
-    FakeTime time(kNov14At221320Utc);
+    time.now = kMar1At143000Utc;
     Attach(10, 0);
-    std::string afterStart = ReadLog(L"2023-11-14");
+    std::string afterStart = ReadLog(L"2024-03-01");
     LogMsg(L"KVCGetKeys Failed", 1);
     LogMsgError(L"KVCDoWebCall WinHttpSendRequest Failed", 0x2efd, 1);
     LogMsg2(L"KVCDoKVRESTCall Good - JSON", nullptr, 10);
@@ -21,30 +28,30 @@ TEST_F(LogLines, EveryWrapperWritesItsExactLine)
     LogMsgAscii(L"KVCAuthenticate", "{\"error\":1}");
     LogMsg(L"too detailed", 11);
 
-    EXPECT_EQ(afterStart.rfind("Tue Nov 14 22:13:20 2023\r\n"
-                               "KestalKeyVaultKSP: 2023-11-14 22:13:20 DllMain DLL_PROCESS_ATTACH ", 0), 0u)
+    EXPECT_EQ(afterStart.rfind("Fri Mar 01 14:30:00 2024\r\n"
+                               "KestalKeyVaultKSP: 2024-03-01 14:30:00 DllMain DLL_PROCESS_ATTACH ", 0), 0u)
         << afterStart;
-    EXPECT_EQ(ReadLog(L"2023-11-14").substr(afterStart.size()),
-              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCGetKeys Failed 1\r\n"
-              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCDoWebCall WinHttpSendRequest Failed Error 0x2efd 1\r\n"
-              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCDoKVRESTCall Good - JSON (NULL) 10\r\n"
-              "KestalKeyVaultKSP: 2023-11-14 22:13:20 GetKeyStorageInterface a b 4\r\n"
-              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCCryptoOp status -5 8\r\n"
-              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCGetKey name (NULL) 10\r\n"
-              "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCAuthenticate {\"error\":1} 1\r\n");
+    EXPECT_EQ(ReadLog(L"2024-03-01").substr(afterStart.size()),
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCGetKeys Failed 1\r\n"
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCDoWebCall WinHttpSendRequest Failed Error 0x2efd 1\r\n"
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCDoKVRESTCall Good - JSON (NULL) 10\r\n"
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 GetKeyStorageInterface a b 4\r\n"
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCCryptoOp status -5 8\r\n"
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCGetKey name (NULL) 10\r\n"
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCAuthenticate {\"error\":1} 1\r\n");
     EXPECT_TRUE(g_events.empty());
 }
 
 TEST_F(LogLines, EventLevelAloneSendsSevereLinesToBothAndOnlyFailuresAndWarningsCarryAType)
 {
     SetTimeZone("GMT0");
-    FakeTime time(kNov14At221320Utc);
+    time.now = kMar1At143000Utc;
     Attach(0, 2);
     LogMsg(L"KVCGetCerts Failed", 1);
     LogMsg(L"BldStrReplace NULL", 2);
     LogMsg(L"GetKeyStorageInterface", 4);
-    EXPECT_EQ(ReadLog(L"2023-11-14"), "KestalKeyVaultKSP: 2023-11-14 22:13:20 KVCGetCerts Failed 1\r\n"
-                                      "KestalKeyVaultKSP: 2023-11-14 22:13:20 BldStrReplace NULL 2\r\n");
+    EXPECT_EQ(ReadLog(L"2024-03-01"), "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCGetCerts Failed 1\r\n"
+                                      "KestalKeyVaultKSP: 2024-03-01 14:30:00 BldStrReplace NULL 2\r\n");
     EXPECT_EQ(g_events, (std::vector<RecordedEvent>{{1, L"KVCGetCerts Failed"}, {2, L"BldStrReplace NULL"}}));
 
     g_events.clear();
@@ -66,7 +73,7 @@ TEST_F(LogLines, EventLevelAloneSendsSevereLinesToBothAndOnlyFailuresAndWarnings
 TEST_F(LogLines, FileIsNamedAfterUtcDateWhileLinesCarryLocalTime)
 {
     SetTimeZone("KST-10"); // 14:30 UTC on 1 March is 00:30 on 2 March here
-    FakeTime time(1'709'303'400);
+    time.now = kMar1At143000Utc;
     Attach(1, 0);
     LogMsg(L"KVCGetKeys Failed", 1);
     EXPECT_EQ(ReadLog(L"2024-03-01"), "Sat Mar 02 00:30:00 2024\r\n"
@@ -83,32 +90,32 @@ TEST_F(LogLines, SettingsOfAnotherTypeFallBackToDefaults)
     SetSetting(HKEY_LOCAL_MACHINE, L"EVLoggingLevel", L"10");
     SetSettingDword(HKEY_LOCAL_MACHINE, L"EventLog", 7);
     KspModuleAttach();
+    const std::string before = ReadLogs(logDir);
     LogMsg(L"KVCGetKeys Failed", 1);
     EXPECT_STREQ(g_EventSourceName, L"Application");
     EXPECT_TRUE(g_events.empty());
-    EXPECT_EQ(ReadTodaysLog(dir_), "");
+    EXPECT_EQ(ReadLogs(logDir), before);
 }
 
 TEST_F(LogLines, ModuleAttachCreatesLockAndEmptyListAndDetachClosesLock)
 {
-    FakeTime time(kNov14At221320Utc);
     Attach(4, 0);
     ASSERT_NE(g_hKspSemaphore, nullptr);
     EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "maximum count 1";
-    EXPECT_TRUE(g_EnumBufferList.Flink == &g_EnumBufferList && g_EnumBufferList.Blink == &g_EnumBufferList);
+    EXPECT_EQ(g_EnumBufferList.Flink, &g_EnumBufferList);
+    EXPECT_EQ(g_EnumBufferList.Blink, &g_EnumBufferList);
     KspModuleDetach();
     EXPECT_EQ(g_hKspSemaphore, nullptr);
-    EXPECT_NE(ReadLog(L"2023-11-14").find(" DllMain DLL_PROCESS_DETACH \\Device\\"), std::string::npos);
+    EXPECT_EQ(Log("DllMain DLL_PROCESS_DETACH \\Device\\").size(), 1u);
 }
 
 // eventlog_wine_debug_test.sh runs this with WINEDEBUG=+eventlog and finds the strings in Wine's output.
 TEST_F(LogLines, RealEventLogReceivesReportedStrings)
 {
     KspSetEventLogSeam(nullptr);
-    FakeTime time(kNov14At221320Utc);
     Attach(0, 4);
     LogMsg(L"EventLogProbe warning line", 2);
     LogMsg(L"EventLogProbe entry line", 4);
-    EXPECT_NE(ReadLog(L"2023-11-14").find(" EventLogProbe entry line 4\r\n"), std::string::npos);
+    EXPECT_EQ(Log("EventLogProbe entry line 4").size(), 1u);
 }

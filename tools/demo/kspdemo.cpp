@@ -186,6 +186,25 @@ void PrintKeys(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDL
         table->FreeBuffer(state);
 }
 
+// A key's algorithm name and length, asked for as any CNG caller asks: through GetKeyProperty.
+struct KeyFacts {
+    wchar_t algorithm[32] = L"?";
+    DWORD bits = 0;
+};
+KeyFacts ReadKeyFacts(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider,
+                      NCRYPT_KEY_HANDLE key)
+{
+    KeyFacts facts;
+    DWORD cb = 0;
+    if (table->GetKeyProperty(provider, key, NCRYPT_ALGORITHM_PROPERTY, reinterpret_cast<PBYTE>(facts.algorithm),
+                              sizeof(facts.algorithm) - sizeof(wchar_t), &cb, 0) != 0)
+        wcscpy_s(facts.algorithm, ARRAYSIZE(facts.algorithm), L"?");
+    if (table->GetKeyProperty(provider, key, NCRYPT_LENGTH_PROPERTY, reinterpret_cast<PBYTE>(&facts.bits),
+                              sizeof(facts.bits), &cb, 0) != 0)
+        facts.bits = 0;
+    return facts;
+}
+
 void PrintOpenedKey(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_HANDLE provider,
                     const std::wstring &name)
 {
@@ -195,10 +214,9 @@ void PrintOpenedKey(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_
         std::printf("OpenKey \"%ls\": 0x%08lX\n", name.c_str(), static_cast<unsigned long>(status));
         return;
     }
-    // The key object is this provider's own record behind the handle.
-    const auto *record = reinterpret_cast<const KSP_KEY *>(key);
-    std::printf("OpenKey \"%ls\": 0x00000000, %ls, %lu bits\n", name.c_str(), record->szAlgorithm,
-                static_cast<unsigned long>(record->dwKeyBitLength));
+    const KeyFacts facts = ReadKeyFacts(table, provider, key);
+    std::printf("OpenKey \"%ls\": 0x00000000, %ls, %lu bits\n", name.c_str(), facts.algorithm,
+                static_cast<unsigned long>(facts.bits));
     std::printf("FreeKey: 0x%08lX\n", static_cast<unsigned long>(table->FreeKey(provider, key)));
 }
 
@@ -277,9 +295,9 @@ void ShowKeyCrypto(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table, NCRYPT_PROV_H
         std::printf("\"%ls\": OpenKey 0x%08lX\n", name.c_str(), Status(status));
         return;
     }
-    const auto *record = reinterpret_cast<const KSP_KEY *>(key);
-    bool rsa = wcscmp(record->szAlgorithm, L"RSA") == 0;
-    std::printf("\"%ls\" (%ls):\n", name.c_str(), record->szAlgorithm);
+    const KeyFacts facts = ReadKeyFacts(table, provider, key);
+    bool rsa = wcscmp(facts.algorithm, L"RSA") == 0;
+    std::printf("\"%ls\" (%ls):\n", name.c_str(), facts.algorithm);
 
     const wchar_t *blobType = rsa ? BCRYPT_RSAPUBLIC_BLOB : BCRYPT_ECCPUBLIC_BLOB;
     DWORD cbBlob = 0;
