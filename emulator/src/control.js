@@ -48,6 +48,10 @@ function setSettings(store, b) {
     need(Number.isInteger(b.tokenLifetime) && b.tokenLifetime >= 0, 'tokenLifetime must be a whole number of seconds');
     s.tokenLifetime = b.tokenLifetime;
   }
+  if (b.closeConnections !== undefined) {
+    need(typeof b.closeConnections === 'boolean', 'closeConnections must be true or false');
+    s.closeConnections = b.closeConnections;
+  }
   for (const k of ['defaultTenant', 'region', 'serviceVersion']) {
     if (b[k] !== undefined) {
       need(typeof b[k] === 'string' && b[k], `${k} must be a non-empty string`);

@@ -75,6 +75,9 @@ function frontDoor(store, listener, classify, services) {
     const entry = record(store, req, route, body);
     watchStatus(res, entry);
     trackInFlight(route.service, res, entry);
+    // A server that drops idle connections without a word: the client learns it on its next
+    // request over this connection.
+    if (store.settings.closeConnections) res.on('finish', () => setImmediate(() => req.socket.destroy()));
     const latencyMs = route.service === 'vault' && route.vault ? store.vault(route.vault).latencyMs : 0;
     if (latencyMs) await new Promise((resolve) => setTimeout(resolve, latencyMs));
     const svc = services[route.service];

@@ -14,6 +14,7 @@ function freshState() {
       defaultTenant: DEFAULT_TENANT,
       region: 'eastus',
       serviceVersion: '1.9.1129.1',
+      closeConnections: false,
     },
     tokens: new Map(),        // access token text -> claims
     vaults: new Map(),        // lower-cased vault name -> vault record
