@@ -52,12 +52,28 @@ struct KVC_WEB_RESPONSE {
 
 // Sends one request (TLS exactly when the port is 443) with up to 10 attempts. The body is
 // sent as the bytes of the narrow text. Null only when the record cannot be allocated.
-// A refused connection waits 20 s before its next attempt, any other failure 200 ms. pszHeaders
-// holds lines each ending in CR LF, or is null. kvc is not used.
+// A refused connection waits 20 s before its next attempt, any other failure 200 ms, within the
+// call's time budget. An answer that cannot be read whole (a read failed or timed out, over
+// 4 MB, the budget spent) leaves status 0 and no body. pszHeaders holds lines each ending in
+// CR LF, or is null. kvc is not used.
 KVC_WEB_RESPONSE *KVCDoWebCall(KVC *kvc, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath, const WCHAR *pszVerb,
                                const WCHAR *pszHeaders, const char *pszBody);
 // Wipes the body (it may hold a token) and frees the record; null is ignored.
 void KVCFreeWebResponse(KVC_WEB_RESPONSE *resp);
+
+// How long one KVCDoWebCall may take: each WinHTTP step at most its time-out (milliseconds, as
+// WinHttpSetTimeouts takes them), and the call with all its attempts and pauses at most the
+// budget. Defaults: resolve and connect 10 s, send and receive 20 s, budget 60 s.
+struct KVC_TIMEOUTS {
+    int resolveMs;
+    int connectMs;
+    int sendMs;
+    int receiveMs;
+    DWORD dwBudgetSeconds;
+};
+// Replaces the time-outs (tests shorten them); null restores the defaults. Not thread-safe:
+// tests set it before calling in.
+void KVCSetTimeouts(const KVC_TIMEOUTS *pTimeouts);
 
 // Joins the pieces (null ones skipped) into one calloc'd text of exactly the size needed, so
 // that a text carrying a token or secret is written once and never left behind in memory
