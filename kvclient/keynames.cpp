@@ -15,6 +15,9 @@ constexpr size_t kEncodedChars = 1 + kMaxClearChars * 3;           // 127: "-" a
 constexpr size_t kMinEncodedChars = KVC_CLEAR_NAME_CHARS;          // 43: short names are filled with "z"
 constexpr size_t kMaxVaultNameChars = KVC_ENCODED_NAME_CHARS - 1;  // 128
 constexpr DWORD kBase = 50;
+// The service knows eight key operations; an array far longer than that is no key's, and
+// joining it would only cost time.
+constexpr size_t kMaxKeyOps = 64;
 
 bool IsVaultNameChar(WCHAR c)
 {
@@ -247,6 +250,11 @@ int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theK
         if (json_object *ops = KVCJsonMember(key, "key_ops", json_type_array)) {
             BldStr *joined = BldStrNewStr(L"");
             size_t count = json_object_array_length(ops);
+            if (count > kMaxKeyOps) {
+                LogMsgNum(L"KVCParseJSONKey key_ops Too Many", L"kept", static_cast<int>(kMaxKeyOps),
+                          KSP_LOG_WARNING);
+                count = kMaxKeyOps;
+            }
             for (size_t i = 0; joined && i < count; ++i) {
                 json_object *op = json_object_array_get_idx(ops, i);
                 if (!json_object_is_type(op, json_type_string))

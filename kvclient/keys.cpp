@@ -86,6 +86,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
     }
 
     NameList list;
+    KVC_LISTING listing = {L"KVCGetKeys Listing Stopped"};
     WCHAR *pszNextPath = nullptr; // the next page's "/keys?..." tail; null for the first page
     for (;;) {
         // Every page gets the whole throttling allowance of its own.
@@ -119,7 +120,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
         }
 
         json_object *items = KVCJsonMember(page.get(), "value", json_type_array);
-        size_t cItems = items ? json_object_array_length(items) : 0;
+        size_t cItems = items ? KVCListingTake(&listing, static_cast<DWORD>(json_object_array_length(items))) : 0;
         if (items && !list.Reserve(cItems)) {
             LogMsg(L"KVCGetKeys realloc Failed", KSP_LOG_FAILURE);
             free(pszNextPath);
@@ -127,8 +128,10 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
         }
         for (size_t i = 0; i < cItems; ++i)
             AppendKeyName(json_object_array_get_idx(items, i), &list);
-        if (!pszNextPath)
+        if (!KVCListingFollow(&listing, pszNextPath)) {
+            free(pszNextPath);
             break;
+        }
     }
 
     *pppNames = list.ppNames;

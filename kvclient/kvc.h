@@ -180,6 +180,24 @@ struct KVC_THROTTLE {
 // again (the status was 429 and the wait was taken), 0 when it should go on with what it has.
 int KVCThrottleWait(KVC_THROTTLE *pThrottle, DWORD dwStatus);
 
+// ---- Listing bounds -----------------------------------------------------------------------
+
+// One paged listing's progress. A listing ends at a repeated link, after 1,000 pages or with
+// 10,000 items, logging pszStoppedMsg with the reason (level 2); what was read by then is the
+// listing. Start with {message} and let it go out of scope when the listing is done.
+struct KVC_LISTING {
+    const WCHAR *pszStoppedMsg;
+    DWORD cPages;       // links followed so far
+    DWORD cItems;       // items taken so far
+    BldStr *seenLinks;  // every link followed, each between line feeds
+    ~KVC_LISTING() { BldStrFree(seenLinks); }
+};
+// 1 when a page's next link may be followed (and it is counted); 0 for none, a link followed
+// before, or the page bound.
+int KVCListingFollow(KVC_LISTING *pListing, const WCHAR *pszNextLink);
+// How many of a page's cItems may still be taken (they are counted).
+DWORD KVCListingTake(KVC_LISTING *pListing, DWORD cItems);
+
 // ---- Key listing and lookup ---------------------------------------------------------------
 
 // Lists the vault's keys as CNG (clear) names, following "nextLink" pages. *pppNames receives
