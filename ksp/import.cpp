@@ -192,7 +192,7 @@ char *ImportBody(const SecretBytes &full, const char *pszEscapedName, size_t *pc
 char *EscapedName(const WCHAR *pszName)
 {
     BldStr *text = BldStrNewStr(L"");
-    char *psz = text && KVCJsonCatEscaped(text, pszName) ? WStrToBytesStr(text->cStr) : nullptr;
+    char *psz = text && KVCJsonCatEscaped(text, pszName) ? WStrToUtf8(text->cStr) : nullptr;
     BldStrFree(text);
     return psz;
 }
@@ -241,9 +241,14 @@ SECURITY_STATUS KspImportPrivateKeyToVault(KSP_KEY *pKey)
         return NTE_INTERNAL_ERROR;
     }
 
-    // The key now lives in the vault like any other: nothing of it stays here.
+    // The key now lives in the vault like any other: nothing of it stays here. An answer
+    // without usable key material gives no key to work with: the blob stays for another try.
     KVCFreeKVKey(&pKey->kvKey);
-    KVCParseJSONKey(szEncoded, kvc->lastResponse, &pKey->kvKey);
+    if (!KVCParseJSONKey(szEncoded, kvc->lastResponse, &pKey->kvKey) || !KVCKeyMaterialUsable(&pKey->kvKey)) {
+        LogMsg(L"KspImportPrivateKeyToVault Unusable Key Material", KSP_LOG_FAILURE);
+        KVCFreeKVKey(&pKey->kvKey);
+        return NTE_INTERNAL_ERROR;
+    }
     SecureZeroMemory(pKey->pbPrivateKey, static_cast<SIZE_T>(pKey->cbPrivateKey));
     KspFree(pKey->pbPrivateKey);
     pKey->pbPrivateKey = nullptr;

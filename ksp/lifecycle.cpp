@@ -122,7 +122,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPCreatePersistedKey(NCRYPT_PRO
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
         return Fail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_HANDLE);
-    if (!phKey || !pszAlgId)
+    // No name makes an ephemeral key; an empty one names nothing the vault could hold.
+    if (!phKey || !pszAlgId || (pszKeyName && !*pszKeyName))
         return Fail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_PARAMETER);
     if (dwFlags & ~(NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG | NCRYPT_OVERWRITE_KEY_FLAG))
         return Fail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_BAD_FLAGS);

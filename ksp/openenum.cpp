@@ -136,7 +136,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hP
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
         return Fail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_HANDLE);
-    if (!phKey || !pszKeyName)
+    // An empty name names no key: asked of the vault, it would read as the key listing.
+    if (!phKey || !pszKeyName || !*pszKeyName)
         return Fail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_PARAMETER);
 
     KSP_KEY *pKey = nullptr;
@@ -160,8 +161,13 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hP
             provider->fCertsSynced = 1;
             KVCSyncCertsFromKVToMachine(kvc);
         }
-        if (!KVCGetKey(kvc, pszKeyName, &pKey->kvKey, 1))
+        if (!KVCGetKey(kvc, pszKeyName, &pKey->kvKey, 1)) {
             status = NTE_NOT_FOUND;
+        } else if (!KVCKeyMaterialUsable(&pKey->kvKey)) {
+            // A handle on it would sign, export and report lengths from nothing.
+            LogMsg2(L"KestalKeyVaultKSPOpenKey Unusable Key Material", pszKeyName, KSP_LOG_FAILURE);
+            status = NTE_BAD_KEY;
+        }
     }
     if (status != ERROR_SUCCESS) {
         DeleteKeyObject(pKey);

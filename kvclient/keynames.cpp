@@ -330,3 +330,32 @@ void KVCFreeKVKey(KVKey *theKey)
         *ppb = nullptr;
     }
 }
+
+int KVCKeyMaterialUsable(KVKey *pKey)
+{
+    if (!pKey || !pKey->valid)
+        return 0;
+    if (pKey->isEC) {
+        constexpr struct {
+            const WCHAR *pszCrv;
+            DWORD cbCoordinate;
+        } kCurves[] = {{L"P-256", 32}, {L"P-384", 48}, {L"P-521", 66}};
+        for (const auto &curve : kCurves)
+            if (pKey->crv && wcscmp(pKey->crv, curve.pszCrv) == 0)
+                return pKey->x && pKey->y && pKey->x_siz == curve.cbCoordinate && pKey->y_siz == curve.cbCoordinate;
+        return 0;
+    }
+    if (!pKey->kty || (wcscmp(pKey->kty, L"RSA") != 0 && wcscmp(pKey->kty, L"RSA-HSM") != 0) || !pKey->n || !pKey->e)
+        return 0;
+    // JWK writes no leading zero bytes; one that came anyway must not make the key a byte longer.
+    DWORD cbLead = 0;
+    while (cbLead < pKey->n_siz && pKey->n[cbLead] == 0)
+        cbLead++;
+    if (cbLead) {
+        memmove(pKey->n, pKey->n + cbLead, pKey->n_siz - cbLead);
+        pKey->n_siz -= cbLead;
+    }
+    constexpr DWORD kMinModulusBytes = 2048 / 8, kMaxModulusBytes = 4096 / 8, kMaxExponentBytes = 8;
+    return pKey->n_siz >= kMinModulusBytes && pKey->n_siz <= kMaxModulusBytes && pKey->e_siz >= 1 &&
+           pKey->e_siz <= kMaxExponentBytes;
+}

@@ -150,7 +150,8 @@ int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
     }
     WCHAR szEncoded[KVC_ENCODED_NAME_CHARS] = {};
     memset(pKey, 0, sizeof(*pKey));
-    if (!KVCConvertClearKeyNameToEncoded(pszKeyName, szEncoded, nullptr)) {
+    // An empty name would make the request one for the whole collection: the key listing.
+    if (!*pszKeyName || !KVCConvertClearKeyNameToEncoded(pszKeyName, szEncoded, nullptr)) {
         LogMsg2(L"KVCGetKey KVCConvertClearKeyNameToEncoded Failed", pszKeyName, KSP_LOG_STEP);
         return 0;
     }

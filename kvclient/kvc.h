@@ -160,6 +160,11 @@ struct KVKey {
 int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theKey);
 // Frees the owned members of a valid record and sets them to null; sizes and valid stay.
 void KVCFreeKVKey(KVKey *theKey);
+// 1 when the record holds a key this provider can use: RSA ("RSA", "RSA-HSM") with a modulus of
+// 2048 to 4096 bits and an exponent of 1 to 8 bytes, or EC on P-256, P-384 or P-521 with both
+// coordinates of the curve's length. Leading zero bytes of the modulus are dropped first, so
+// that every size taken from it (signature, "Length", export) is the key's own.
+int KVCKeyMaterialUsable(KVKey *pKey);
 
 // ---- Throttling ---------------------------------------------------------------------------
 
@@ -247,15 +252,16 @@ KVC_KEY_TYPE KVCKeyTypeFromAlgorithm(const WCHAR *pszAlgorithm);
 // client is in certificate mode, else as a plain key, and fills *pKey. 0 or NTE_INTERNAL_ERROR.
 SECURITY_STATUS KVCCreateKey(const WCHAR *pszKeyName, KVC *kvc, const WCHAR *pszAlgorithm, DWORD dwKeyBitLength,
                              DWORD dwExportPolicy, KVKey *pKey);
-// A plain vault key, "-HSM" first and a software key after a 403. dwUnused is not read. 1 or 0;
-// deliberately 1 with an empty record when the HSM request met another 400..410 or throttling
-// outlasted the waits.
+// A plain vault key, "-HSM" first and a software key after a 403. dwUnused is not read. 1 only
+// when the vault answered 200 with usable key material; 0 for every other end (another 400..410
+// to the HSM request and throttling that outlasted the waits included).
 int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName, const WCHAR *pszAlgorithm,
                          DWORD dwKeyBitLength, DWORD dwUnused, KVKey *pKey);
 // A key made by the vault behind a certificate: create (202, pending), then merge a placeholder
 // certificate over the vault's CSR, or the given certificate (pbCert/cbCert) when one is passed:
 // that one must already be a certificate of the vault key, which the vault is then told to keep
-// ("reuse_key"). *pKey is then read back from the vault. 1 or 0.
+// ("reuse_key"). *pKey is then read back from the vault and must hold usable key material. 1 or 0;
+// a create the vault accepted that then came to nothing has its pending operation deleted.
 int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName,
                                     const WCHAR *pszAlgorithm, DWORD dwKeyBitLength, KVKey *pKey, DWORD fExportable,
                                     const BYTE *pbCert, DWORD cbCert);

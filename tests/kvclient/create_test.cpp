@@ -133,8 +133,8 @@ TEST_F(Create, PlainRefusalsAndThrottlingShareOneWaitCounter)
     const struct { std::string script, onlyIf; int result; size_t posts; std::vector<DWORD> waits; std::string algId;
     } rows[] = {
         {"", "", 1, 2, {}, "RSA"}, // the standard tier refuses "-HSM" with 403
-        {R"({"status":400,"body":{"error":{}}})", "", 1, 1, {}, ""},
-        {R"({"status":429,"repeat":6})", "", 1, 5, {1000, 2000, 4000, 8000, 16000}, ""},
+        {R"({"status":400,"body":{"error":{}}})", "", 0, 1, {}, ""},
+        {R"({"status":429,"repeat":6})", "", 0, 5, {1000, 2000, 4000, 8000, 16000}, ""},
         {R"({"status":429})", "", 1, 3, {1000}, "RSA"}, // 429, 403, then the software key
         {R"({"status":500,"body":{}})", "", 0, 1, {}, ""},
         {R"({"status":403,"body":{}})", R"(\"kty\":\"RSA\")", 0, 2, {}, ""},
