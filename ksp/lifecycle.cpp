@@ -16,10 +16,10 @@ namespace {
 constexpr const WCHAR *kAlgorithms[] = {L"RSA",       L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521",
                                         L"ECDH_P256", L"ECDH_P384",  L"ECDH_P521"};
 
-// What FreeKey reads from the store. A certificate with a 4096-bit key, a chain of names and
-// many extensions still fits in 16 KB; the subject text is the 8000 characters the store lookup
-// writes at most. SHA-1 needs 20 bytes; the rest is room for a longer hash.
-constexpr DWORD kStoreCertBytes = 16384;
+// What FreeKey reads from the store: certificates of up to 64 KB (the store lookup refuses one
+// as long as the buffer, hence the spare byte); the subject text is the 8000 characters the
+// store lookup writes at most. SHA-1 needs 20 bytes; the rest is room for a longer hash.
+constexpr DWORD kStoreCertBytes = 65536 + 1;
 constexpr DWORD kStoreHashBytes = 64;
 constexpr DWORD kStoreSubjectChars = 8000;
 
@@ -207,6 +207,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPDeleteKey(NCRYPT_PROV_HANDLE 
     if (status != ERROR_SUCCESS)
         return Fail(L"KestalKeyVaultKSPDeleteKey", status);
     LogMsg(L"KestalKeyVaultKSPDeleteKey Key Deleted - now free the storage", KSP_LOG_ENTRY);
+    pKey->fPublishCert = 0; // the key is gone: publishing its certificate would bring it back
     return KestalKeyVaultKSPFreeKey(hProvider, hKey);
 }
 

@@ -94,7 +94,7 @@ char *CertificateBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength,
     if (!ok)
         return nullptr;
     LogMsg2(L"KVCLowLevelCreateKeyCertificate JSON Body", body->cStr, KSP_LOG_TRACE);
-    return WStrToBytesStr(body->cStr);
+    return WStrToUtf8(body->cStr);
 }
 
 void LogNarrow(const WCHAR *pszMessage, const char *pszText, int level)
@@ -360,7 +360,7 @@ int MergeCertificate(KVC *kvc, const WCHAR *pszEncodedName, const WCHAR *pszCert
         LogMsg(L"KVCLowLevelCreateKeyCertificate Merge Body Failed", KSP_LOG_FAILURE);
         return 0;
     }
-    CallocPtr<char> body(WStrToBytesStr(text->cStr));
+    CallocPtr<char> body(WStrToUtf8(text->cStr));
     KVC_THROTTLE throttle = {L"KVCImportCertificate THROLLED - RETRY", kFirstWaitMs, kLastWaitMs, TRUE};
     do {
         kvc->lastStatus = 0;
@@ -372,6 +372,25 @@ int MergeCertificate(KVC *kvc, const WCHAR *pszEncodedName, const WCHAR *pszCert
     } while (KVCThrottleWait(&throttle, kvc->lastStatus));
     LogNarrow(L"KVCLowLevelCreateKeyCertificate Merge Failed - detail error", kvc->lastResponse, KSP_LOG_FAILURE);
     LogMsgError(L"KVCLowLevelCreateKeyCertificate Merge Failed", kvc->lastStatus, KSP_LOG_FAILURE);
+    return 0;
+}
+
+// A pending certificate left behind blocks its name: every later create or merge meets it. So a
+// create the vault accepted but that came to nothing (no certificate to merge, a merge refused
+// or throttled out) has its operation deleted, which also cancels it. 1 once the vault said so.
+int DeletePending(KVC *kvc, const WCHAR *pszEncodedName)
+{
+    KVC_THROTTLE throttle = {L"KVCLowLevelCreateKeyCertificate Pending Delete Throttled", kFirstWaitMs, kLastWaitMs,
+                             TRUE};
+    do {
+        kvc->lastStatus = 0;
+        if (KVCDoKVRESTCall(kvc, 0, nullptr, KVC_COLLECTION_CERTIFICATES, pszEncodedName, L"DELETE", L"pending",
+                            nullptr, L"7.0")) {
+            LogMsg2(L"KVCLowLevelCreateKeyCertificate Pending Operation Deleted", pszEncodedName, KSP_LOG_STEP);
+            return 1;
+        }
+    } while (KVCThrottleWait(&throttle, kvc->lastStatus));
+    LogMsgError(L"KVCLowLevelCreateKeyCertificate Pending Delete Failed", kvc->lastStatus, KSP_LOG_FAILURE);
     return 0;
 }
 
@@ -390,9 +409,11 @@ int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const W
     if (!CreatePending(kvc, pszClearName, pszEncodedName, pszAlgorithm, dwKeyBitLength, fExportable != 0, fGiven))
         return 0;
     CallocPtr<WCHAR> cert(CertificateToMerge(kvc->lastResponse, pbCert, cbCert));
-    if (!cert || !MergeCertificate(kvc, pszEncodedName, cert.get()))
+    if (!cert || !MergeCertificate(kvc, pszEncodedName, cert.get())) {
+        DeletePending(kvc, pszEncodedName);
         return 0;
-    if (!KVCGetKey(kvc, pszClearName, pKey, 0)) {
+    }
+    if (!KVCGetKey(kvc, pszClearName, pKey, 0) || !KVCKeyMaterialUsable(pKey)) {
         LogMsg2(L"KVCLowLevelCreateKeyCertificate KVCGetKey Failed", pszClearName, KSP_LOG_FAILURE);
         return 0;
     }
