@@ -185,7 +185,7 @@ char *ImportBody(const SecretBytes &full, const char *pszEscapedName, size_t *pc
 char *EscapedName(const WCHAR *pszName)
 {
     BldStr *text = BldStrNewStr(L"");
-    char *psz = text && KVCJsonCatEscaped(text, pszName) ? WStrToBytesStr(text->cStr) : nullptr;
+    char *psz = text && KVCJsonCatEscaped(text, pszName) ? WStrToUtf8(text->cStr) : nullptr;
     BldStrFree(text);
     return psz;
 }
@@ -227,7 +227,13 @@ SECURITY_STATUS KspImportPrivateKeyToVault(KSP_KEY *pKey)
     if (!imported)
         return NTE_INTERNAL_ERROR;
 
-    // The key now lives in the vault like any other: nothing of it stays here.
+    // The key now lives in the vault like any other: nothing of it stays here. An answer
+    // without usable key material gives no key to work with: the blob stays for another try.
+    if (!KVCKeyMaterialUsable(&pKey->kvKey)) {
+        LogMsg(L"KspImportPrivateKeyToVault Unusable Key Material", KSP_LOG_FAILURE);
+        KVCFreeKVKey(&pKey->kvKey);
+        return NTE_INTERNAL_ERROR;
+    }
     SecureZeroMemory(pKey->pbPrivateKey, static_cast<SIZE_T>(pKey->cbPrivateKey));
     KspFree(pKey->pbPrivateKey);
     pKey->pbPrivateKey = nullptr;

@@ -96,10 +96,42 @@ SECURITY_STATUS SetLength(KSP_KEY *pKey, DWORD dwBits)
     return ERROR_SUCCESS;
 }
 
+// Whether the descriptor's parts lie within cb bytes, so that checking it reads nothing beyond
+// the caller's buffer. A self-relative descriptor (what callers pass; an empty DACL makes one of
+// 28 bytes) is its header and the SIDs and ACLs its offsets name; an absolute one holds pointers
+// and is at least the whole structure.
+bool DescriptorWithin(const BYTE *pb, DWORD cb)
+{
+    SECURITY_DESCRIPTOR_RELATIVE sd;
+    if (cb < sizeof(sd))
+        return false;
+    memcpy(&sd, pb, sizeof(sd));
+    if (!(sd.Control & SE_SELF_RELATIVE))
+        return cb >= sizeof(SECURITY_DESCRIPTOR);
+    constexpr DWORD kSidHeader = 8, kAclHeader = 8; // SID: up to its count of sub-authorities
+    for (DWORD offset : {sd.Owner, sd.Group}) {
+        if (offset && (offset > cb || cb - offset < kSidHeader ||
+                       cb - offset < kSidHeader + 4u * pb[offset + 1])) // SubAuthorityCount
+            return false;
+    }
+    const DWORD acls[][2] = {{sd.Sacl, SE_SACL_PRESENT}, {sd.Dacl, SE_DACL_PRESENT}};
+    for (const auto &[offset, present] : acls) {
+        if (!(sd.Control & present) || !offset)
+            continue;
+        if (offset > cb || cb - offset < kAclHeader)
+            return false;
+        ACL acl;
+        memcpy(&acl, pb + offset, sizeof(acl));
+        if (acl.AclSize < kAclHeader || cb - offset < acl.AclSize)
+            return false;
+    }
+    return true;
+}
+
 SECURITY_STATUS SetSecurityDescr(KSP_KEY *pKey, const BYTE *pbInput, DWORD cbInput, DWORD dwFlags)
 {
     auto *pSD = const_cast<PSECURITY_DESCRIPTOR>(static_cast<const void *>(pbInput));
-    if (cbInput < SECURITY_DESCRIPTOR_MIN_LENGTH || !IsValidSecurityDescriptor(pSD) ||
+    if (!DescriptorWithin(pbInput, cbInput) || !IsValidSecurityDescriptor(pSD) ||
         GetSecurityDescriptorLength(pSD) > cbInput)
         return Refuse(L"Security Descr", L"Invalid", NTE_BAD_DATA);
     auto *pbCopy = static_cast<PBYTE>(KspAlloc(cbInput));

@@ -14,10 +14,10 @@
 
 namespace {
 
-// What FreeKey reads from the store. A certificate with a 4096-bit key, a chain of names and
-// many extensions still fits in 16 KB; the subject text is the 8000 characters the store lookup
-// writes at most. SHA-1 needs 20 bytes; the rest is room for a longer hash.
-constexpr DWORD kStoreCertBytes = 16384;
+// What FreeKey reads from the store: certificates of up to 64 KB (the store lookup refuses one
+// as long as the buffer, hence the spare byte); the subject text is the 8000 characters the
+// store lookup writes at most. SHA-1 needs 20 bytes; the rest is room for a longer hash.
+constexpr DWORD kStoreCertBytes = 65536 + 1;
 constexpr DWORD kStoreHashBytes = 64;
 constexpr DWORD kStoreSubjectChars = 8000;
 
@@ -109,7 +109,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPCreatePersistedKey(NCRYPT_PRO
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
         return KspFail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_HANDLE);
-    if (!phKey || !pszAlgId)
+    // No name makes an ephemeral key; an empty one names nothing the vault could hold.
+    if (!phKey || !pszAlgId || (pszKeyName && !*pszKeyName))
         return KspFail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_INVALID_PARAMETER);
     if (dwFlags & ~(NCRYPT_MACHINE_KEY_FLAG | NCRYPT_SILENT_FLAG | NCRYPT_OVERWRITE_KEY_FLAG))
         return KspFail(L"KestalKeyVaultKSPCreatePersistedKey", NTE_BAD_FLAGS);
@@ -193,6 +194,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPDeleteKey(NCRYPT_PROV_HANDLE 
     if (status != ERROR_SUCCESS)
         return KspFail(L"KestalKeyVaultKSPDeleteKey", status);
     LogMsg(L"KestalKeyVaultKSPDeleteKey Key Deleted - now free the storage", KSP_LOG_ENTRY);
+    pKey->fPublishCert = 0; // the key is gone: publishing its certificate would bring it back
     return KestalKeyVaultKSPFreeKey(hProvider, hKey);
 }
 

@@ -103,7 +103,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hP
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
         return KspFail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_HANDLE);
-    if (!phKey || !pszKeyName)
+    // An empty name names no key: asked of the vault, it would read as the key listing.
+    if (!phKey || !pszKeyName || !*pszKeyName)
         return KspFail(L"KestalKeyVaultKSPOpenKey Error", NTE_INVALID_PARAMETER);
 
     KSP_KEY *pKey = nullptr;
@@ -126,8 +127,13 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenKey(NCRYPT_PROV_HANDLE hP
         // sync that fails is not retried on every open.
         if (dwMachineKey && kvc->fCertMode && InterlockedCompareExchange(&provider->fCertsSynced, 1, 0) == 0)
             KVCSyncCertsFromKVToMachine(kvc);
-        if (!KVCGetKey(kvc, pszKeyName, &pKey->kvKey, 1))
+        if (!KVCGetKey(kvc, pszKeyName, &pKey->kvKey, 1)) {
             status = NTE_NOT_FOUND;
+        } else if (!KVCKeyMaterialUsable(&pKey->kvKey)) {
+            // A handle on it would sign, export and report lengths from nothing.
+            LogMsg2(L"KestalKeyVaultKSPOpenKey Unusable Key Material", pszKeyName, KSP_LOG_FAILURE);
+            status = NTE_BAD_KEY;
+        }
     }
     if (status != ERROR_SUCCESS) {
         DeleteKeyObject(pKey);

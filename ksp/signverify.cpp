@@ -107,6 +107,30 @@ const WCHAR *EsAlgorithmOfExactName(const WCHAR *pszAlgorithm)
 }
 
 
+// Holds the vault's signature to the form CNG callers rely on: an EC signature is r and s of
+// the coordinate's length each, an RSA one exactly the modulus long (a shorter one is the same
+// number, so it is padded with zeros in front). Anything else is no signature of this key.
+// A buffer that cannot take the padded form gets NTE_FAIL and the needed length, as a buffer
+// too small for the vault's answer does.
+SECURITY_STATUS FitSignature(const KVKey &kvKey, PBYTE pbSignature, DWORD cbSignature, DWORD *pcbResult)
+{
+    const DWORD cbWanted = kvKey.isEC ? 2 * kvKey.x_siz : kvKey.n_siz;
+    const DWORD cbGot = *pcbResult;
+    if (cbGot == cbWanted)
+        return ERROR_SUCCESS;
+    if (kvKey.isEC || cbGot > cbWanted) {
+        LogMsgNum(L"KestalKeyVaultKSPSignHash Bad Signature Length", L"cbSignature", static_cast<int>(cbGot),
+                  KSP_LOG_FAILURE);
+        return NTE_INVALID_PARAMETER;
+    }
+    *pcbResult = cbWanted;
+    if (cbSignature < cbWanted)
+        return NTE_FAIL;
+    memmove(pbSignature + (cbWanted - cbGot), pbSignature, cbGot);
+    memset(pbSignature, 0, cbWanted - cbGot);
+    return ERROR_SUCCESS;
+}
+
 KVC *ClientOfKey(const KSP_PROVIDER *provider, const KSP_KEY *pKey)
 {
     return pKey->dwMachineKey ? provider->kvcMachine : provider->kvcUser;
@@ -215,6 +239,8 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
     *pcbResult = cbSignature;
     SECURITY_STATUS status = KVCCryptoOp(kvc, L"sign", kvKey.name, kvKey.version, FALSE, input.pszVaultAlg,
                                          input.pbData, input.cbData, pbSignature, pcbResult);
+    if (status == ERROR_SUCCESS)
+        status = FitSignature(kvKey, pbSignature, cbSignature, pcbResult);
     return status == ERROR_SUCCESS ? status : KspFail(L"KestalKeyVaultKSPSignHash", status);
 }
 

@@ -82,17 +82,20 @@ void AddItem(json_object *item, CertEntries *entries)
     wcsncpy_s(entry.szThumbprint, thumbprint->cStr, _TRUNCATE);
 }
 
-// Reads one page's "value" items into entries; the next link (or null) into *ppszNextLink.
-void ReadPage(const char *pszBody, CertEntries *entries, WCHAR **ppszNextLink)
+// Reads one page's "value" items into entries; the next link to follow (or null) into
+// *ppszNextLink.
+void ReadPage(const char *pszBody, CertEntries *entries, WCHAR **ppszNextLink, KVC_LISTING *pListing)
 {
     KVCJsonDoc doc = KVCJsonParse(pszBody);
     if (const char *pszLink = KVCJsonGetString(doc.get(), "nextLink")) {
         if (const char *pszTail = strstr(pszLink, kNextLinkTail)) {
             BldStrPtr link(BldStrNewStrFromAscii(pszTail));
             if (link) {
-                *ppszNextLink = link->cStr;
-                link->cStr = nullptr;
-                LogMsg2(L"KVCGetCerts rawURL nextlinkstr Found", *ppszNextLink, KSP_LOG_STEP);
+                LogMsg2(L"KVCGetCerts rawURL nextlinkstr Found", link->cStr, KSP_LOG_STEP);
+                if (KVCListingFollow(pListing, link->cStr)) {
+                    *ppszNextLink = link->cStr;
+                    link->cStr = nullptr;
+                }
             }
         }
     }
@@ -100,6 +103,7 @@ void ReadPage(const char *pszBody, CertEntries *entries, WCHAR **ppszNextLink)
     DWORD n = value ? static_cast<DWORD>(json_object_array_length(value)) : 0;
     LogMsgNum(L"KVCGetCerts value len is", L"", static_cast<int>(n), KSP_LOG_STEP);
     LogMsgNum(L"KVCGetCerts value mycount is ", L"", static_cast<int>(entries->count), KSP_LOG_STEP);
+    n = KVCListingTake(pListing, n);
     if (n == 0) {
         LogMsg(L"KVCGetCerts value len is Zero", KSP_LOG_STEP);
         return;
@@ -159,6 +163,7 @@ BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCo
     ScopedAnswer answer;
     // A persisting 429 ends the listing with what the earlier pages gave.
     const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetCerts ActionThrottled", FALSE);
+    KVC_LISTING listing = {L"KVCGetCerts Listing Stopped"};
     WCHAR *pszNextLink = nullptr;
     do {
         DWORD dwWaitMs = policy.dwFirstWaitMs;
@@ -174,7 +179,7 @@ BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCo
         pszNextLink = nullptr;
         if (!answer.body)
             break;
-        ReadPage(answer.body, &entries, &pszNextLink);
+        ReadPage(answer.body, &entries, &pszNextLink, &listing);
     } while (pszNextLink);
 
     LogMsg(L"KVCGetCerts found sizes OK", KSP_LOG_STEP);

@@ -5,6 +5,7 @@
 
 #include <wincrypt.h>
 
+#include <atomic>
 #include <memory>
 
 #include <stdlib.h>
@@ -89,6 +90,12 @@ DWORD ReadLastSyncTime()
     return dwValue;
 }
 
+// The stamp of a sync whose stamp the registry refused (a process without write access to
+// HKEY_LOCAL_MACHINE), so that such a process does not sync on every provider handle; 0 while
+// every stamp could be written, leaving the registry value the one source (deleting it still
+// forces the next sync).
+std::atomic<DWORD> g_dwUnwrittenSyncTime{0};
+
 void WriteLastSyncTime(DWORD dwValue)
 {
     RegKeyClose key;
@@ -98,6 +105,7 @@ void WriteLastSyncTime(DWORD dwValue)
                             sizeof(dwValue));
     if (rc != ERROR_SUCCESS)
         LogMsgError(L"KVCSyncCertsFromKVToMachine Update Time Failed", static_cast<DWORD>(rc), KSP_LOG_WARNING);
+    g_dwUnwrittenSyncTime = rc == ERROR_SUCCESS ? 0 : dwValue;
 }
 
 // The "x5t" thumbprint as CertSync records it: upper-case hexadecimal. Null when it is not base64.
@@ -133,7 +141,9 @@ void KVCSyncCertsFromKVToMachine(KVC *kvc)
 {
     LogMsg(L"KVCSyncCertsFromKVToMachine", KSP_LOG_STEP);
     __time64_t now = KspTime();
-    if (now - static_cast<__time64_t>(ReadLastSyncTime()) <= kSyncIntervalSeconds)
+    const DWORD dwLastSync = ReadLastSyncTime();
+    const DWORD dwUnwritten = g_dwUnwrittenSyncTime;
+    if (now - static_cast<__time64_t>(dwLastSync > dwUnwritten ? dwLastSync : dwUnwritten) <= kSyncIntervalSeconds)
         return;
     LogMsg(L"KVCSyncCertsFromKVToMachine Time Check", KSP_LOG_TRACE);
     LogMsg(L"KVCSyncCertsFromKVToMachine Update Time", KSP_LOG_TRACE);

@@ -52,7 +52,20 @@ char *PlainKeyBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength, co
         return nullptr;
     LogMsg2(L"KVCCreateKey JSON Body", body->cStr, KSP_LOG_TRACE);
     LogMsg2(L"KVCCreateKey JSON Body", body->cStr, KSP_LOG_TRACE);
-    return WStrToBytesStr(body->cStr);
+    return WStrToUtf8(body->cStr);
+}
+
+// What a create call left: the key, only when the vault answered 200 with usable key material.
+// Anything else that ended the requests (another 400..410 to the HSM request, throttling that
+// outlasted the waits) made no key, and its error body must not pass for one.
+int CreatedKey(DWORD dwStatus, const char *pszAnswer, const WCHAR *pszEncodedName, KVKey *pKey)
+{
+    if (dwStatus == kHttpOk && KVCParseJSONKey(pszEncodedName, pszAnswer, pKey) && KVCKeyMaterialUsable(pKey))
+        return 1;
+    if (dwStatus == kHttpOk)
+        KVCFreeKVKey(pKey);
+    LogMsgError(L"KVCLowLevelCreateKey Failed", dwStatus, KSP_LOG_FAILURE);
+    return 0;
 }
 
 } // namespace
@@ -117,14 +130,13 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
             LogMsgError(L"KVCLowLevelCreateKey REST Call Error", answer.status, KSP_LOG_FAILURE);
         const DWORD status = answer.status;
         if (status == kHttpTooManyRequests)
-            break; // the throttled answer is read below: deliberately 1 with an empty record
+            break; // still throttled: no key was made
         if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {
             LogMsgError(L"KVCLowLevelCreateKey HSM Key Failed - retry with software key", status, KSP_LOG_WARNING);
             fHsm = false;
             if (status == kHttpForbidden && dwWaitMs <= policy.dwThrottleMaxWaitMs)
                 continue;
-            // Only a 403 earns the software request; the error body of any other refusal is
-            // read below, deliberately giving 1 with an empty record.
+            // Only a 403 earns the software request; any other refusal made no key.
             break;
         }
         if (status == kHttpOk)
@@ -132,7 +144,7 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
         LogMsgError(L"KVCLowLevelCreateKey Failed", status, KSP_LOG_FAILURE);
         return 0;
     }
-    return KVCParseJSONKey(pszEncodedName, answer.body, pKey);
+    return CreatedKey(answer.status, answer.body, pszEncodedName, pKey);
 }
 
 int KVCImportKey(KVC *kvc, const WCHAR *pszEncodedName, const char *pszBody, KVKey *pKey)

@@ -92,7 +92,7 @@ char *CertificateBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength,
     if (!ok)
         return nullptr;
     LogMsg2(L"KVCLowLevelCreateKeyCertificate JSON Body", body->cStr, KSP_LOG_TRACE);
-    return WStrToBytesStr(body->cStr);
+    return WStrToUtf8(body->cStr);
 }
 
 void LogNarrow(const WCHAR *pszMessage, const char *pszText, int level)
@@ -358,7 +358,7 @@ int MergeCertificate(KVC *kvc, const WCHAR *pszEncodedName, const WCHAR *pszCert
         LogMsg(L"KVCLowLevelCreateKeyCertificate Merge Body Failed", KSP_LOG_FAILURE);
         return 0;
     }
-    CallocPtr<char> body(WStrToBytesStr(text->cStr));
+    CallocPtr<char> body(WStrToUtf8(text->cStr));
     ScopedAnswer answer;
     const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCImportCertificate THROLLED - RETRY", TRUE);
     DWORD dwWaitMs = policy.dwFirstWaitMs;
@@ -368,6 +368,24 @@ int MergeCertificate(KVC *kvc, const WCHAR *pszEncodedName, const WCHAR *pszCert
         return 1;
     LogNarrow(L"KVCLowLevelCreateKeyCertificate Merge Failed - detail error", answer.body, KSP_LOG_FAILURE);
     LogMsgError(L"KVCLowLevelCreateKeyCertificate Merge Failed", answer.status, KSP_LOG_FAILURE);
+    return 0;
+}
+
+// A pending certificate left behind blocks its name: every later create or merge meets it. So a
+// create the vault accepted but that came to nothing (no certificate to merge, a merge refused
+// or throttled out) has its operation deleted, which also cancels it. 1 once the vault said so.
+int DeletePending(KVC *kvc, const WCHAR *pszEncodedName)
+{
+    ScopedAnswer answer;
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCLowLevelCreateKeyCertificate Pending Delete Throttled", TRUE);
+    DWORD dwWaitMs = policy.dwFirstWaitMs;
+    const KVC_REQUEST request = {nullptr, KVC_COLLECTION_CERTIFICATES, pszEncodedName, L"DELETE", L"pending",
+                                 nullptr, L"7.0"};
+    if (KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer)) {
+        LogMsg2(L"KVCLowLevelCreateKeyCertificate Pending Operation Deleted", pszEncodedName, KSP_LOG_STEP);
+        return 1;
+    }
+    LogMsgError(L"KVCLowLevelCreateKeyCertificate Pending Delete Failed", answer.status, KSP_LOG_FAILURE);
     return 0;
 }
 
@@ -388,9 +406,11 @@ int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const W
                        &pending))
         return 0;
     CallocPtr<WCHAR> cert(CertificateToMerge(pending.body, pbCert, cbCert));
-    if (!cert || !MergeCertificate(kvc, pszEncodedName, cert.get()))
+    if (!cert || !MergeCertificate(kvc, pszEncodedName, cert.get())) {
+        DeletePending(kvc, pszEncodedName);
         return 0;
-    if (!KVCGetKey(kvc, pszClearName, pKey, 0)) {
+    }
+    if (!KVCGetKey(kvc, pszClearName, pKey, 0) || !KVCKeyMaterialUsable(pKey)) {
         LogMsg2(L"KVCLowLevelCreateKeyCertificate KVCGetKey Failed", pszClearName, KSP_LOG_FAILURE);
         return 0;
     }

@@ -29,9 +29,24 @@ char *BuildBody(const WCHAR *pszAlg, const Base64Text &digest, const Base64Text 
     WCHAR *pszBody = KVCJoinText({L"{\"alg\":\"", pszAlg, L"\"", digest.psz ? L",\"digest\":\"" : nullptr,
                                   digest.psz, digest.psz ? L"\"" : nullptr, value.psz ? L",\"value\":\"" : nullptr,
                                   value.psz, value.psz ? L"\"" : nullptr, L"}"});
-    char *pszNarrow = pszBody ? WStrToBytesStr(pszBody) : nullptr;
+    char *pszNarrow = pszBody ? WStrToUtf8(pszBody) : nullptr;
     KVCWipeFreeText(pszBody);
     return pszNarrow;
+}
+
+// The answer's "value" decoded into the caller's buffer (capacity and length in *pcbOutput, a
+// null pbOutput asking only for the length). Text that is not base64 of at least one whole
+// byte is no result: an empty or made-up signature or plaintext must never pass for one.
+// A buffer too small gets the needed length and NTE_FAIL, not NTE_BUFFER_TOO_SMALL.
+SECURITY_STATUS CopyResult(const char *pszValue, BYTE *pbOutput, DWORD *pcbOutput)
+{
+    WCHAR *pszWide = BytesStrToWStr(pszValue);
+    DWORD cbResult = 0;
+    SECURITY_STATUS status = NTE_INVALID_PARAMETER;
+    if (pszWide && KVCKKVKSP_FromBase64(pszWide, nullptr, &cbResult, FALSE) && cbResult > 0)
+        status = KVCKKVKSP_FromBase64(pszWide, &pbOutput, pcbOutput, FALSE) ? 0 : NTE_FAIL;
+    KVCWipeFreeText(pszWide); // a decryption's answer is the plaintext
+    return status;
 }
 
 } // namespace
@@ -41,7 +56,7 @@ SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKe
                             DWORD *pcbOutput)
 {
     LogMsg2(L"KVCCryptoOp called", pszAction, KSP_LOG_STEP);
-    if (!pszKeyName) {
+    if (!pszKeyName || !*pszKeyName) { // an unnamed key lives only in its handle, not in the vault
         LogMsg(L"KVCCryptoOp NULL Key Name", KSP_LOG_FAILURE);
         return NTE_INVALID_PARAMETER;
     }
@@ -92,12 +107,6 @@ SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKe
         return KVCJsonIsTrue(answer.get(), "value") ? 0 : NTE_BAD_SIGNATURE;
     }
 
-    WCHAR *pszValue = BytesStrToWStr(KVCJsonGetString(answer.get(), "value"));
-    if (!pszValue)
-        return NTE_INVALID_PARAMETER;
     // A null pbOutput makes this a length query, after the vault has done the whole operation.
-    // A buffer too small gets the needed length and NTE_FAIL, not NTE_BUFFER_TOO_SMALL.
-    const SECURITY_STATUS status = KVCKKVKSP_FromBase64(pszValue, &pbOutput, pcbOutput, FALSE) ? 0 : NTE_FAIL;
-    KVCWipeFreeText(pszValue); // a decryption's answer is the plaintext
-    return status;
+    return CopyResult(KVCJsonGetString(answer.get(), "value"), pbOutput, pcbOutput);
 }

@@ -16,6 +16,9 @@ constexpr size_t kEncodedChars = 1 + kMaxClearChars * 3;           // 127: "-" a
 constexpr size_t kMinEncodedChars = KVC_CLEAR_NAME_CHARS;          // 43: short names are filled with "z"
 constexpr size_t kMaxVaultNameChars = KVC_ENCODED_NAME_CHARS - 1;  // 128
 constexpr DWORD kBase = 50;
+// The service knows eight key operations; an array far longer than that is no key's, and
+// joining it would only cost time.
+constexpr size_t kMaxKeyOps = 64;
 
 bool IsVaultNameChar(WCHAR c)
 {
@@ -237,6 +240,11 @@ int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theK
         if (json_object *ops = KVCJsonMember(key, "key_ops", json_type_array)) {
             BldStr *joined = BldStrNewStr(L"");
             size_t count = json_object_array_length(ops);
+            if (count > kMaxKeyOps) {
+                LogMsgNum(L"KVCParseJSONKey key_ops Too Many", L"kept", static_cast<int>(kMaxKeyOps),
+                          KSP_LOG_WARNING);
+                count = kMaxKeyOps;
+            }
             for (size_t i = 0; joined && i < count; ++i) {
                 json_object *op = json_object_array_get_idx(ops, i);
                 if (!json_object_is_type(op, json_type_string))
@@ -304,4 +312,33 @@ void KVCFreeKVKey(KVKey *theKey)
         free(*ppb);
         *ppb = nullptr;
     }
+}
+
+int KVCKeyMaterialUsable(KVKey *pKey)
+{
+    if (!pKey || !pKey->valid)
+        return 0;
+    if (pKey->isEC) {
+        constexpr struct {
+            const WCHAR *pszCrv;
+            DWORD cbCoordinate;
+        } kCurves[] = {{L"P-256", 32}, {L"P-384", 48}, {L"P-521", 66}};
+        for (const auto &curve : kCurves)
+            if (pKey->crv && wcscmp(pKey->crv, curve.pszCrv) == 0)
+                return pKey->x && pKey->y && pKey->x_siz == curve.cbCoordinate && pKey->y_siz == curve.cbCoordinate;
+        return 0;
+    }
+    if (!pKey->kty || (wcscmp(pKey->kty, L"RSA") != 0 && wcscmp(pKey->kty, L"RSA-HSM") != 0) || !pKey->n || !pKey->e)
+        return 0;
+    // JWK writes no leading zero bytes; one that came anyway must not make the key a byte longer.
+    DWORD cbLead = 0;
+    while (cbLead < pKey->n_siz && pKey->n[cbLead] == 0)
+        cbLead++;
+    if (cbLead) {
+        memmove(pKey->n, pKey->n + cbLead, pKey->n_siz - cbLead);
+        pKey->n_siz -= cbLead;
+    }
+    constexpr DWORD kMinModulusBytes = 2048 / 8, kMaxModulusBytes = 4096 / 8, kMaxExponentBytes = 8;
+    return pKey->n_siz >= kMinModulusBytes && pKey->n_siz <= kMaxModulusBytes && pKey->e_siz >= 1 &&
+           pKey->e_siz <= kMaxExponentBytes;
 }

@@ -86,6 +86,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
     NameList list;
     ScopedAnswer answer;
     const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetKeys ActionThrottled", TRUE);
+    KVC_LISTING listing = {L"KVCGetKeys Listing Stopped"};
     WCHAR *pszNextPath = nullptr; // the next page's "/keys?..." tail; null for the first page
     for (;;) {
         // Every page gets the whole throttling allowance of its own.
@@ -115,7 +116,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
         }
 
         json_object *items = KVCJsonMember(page.get(), "value", json_type_array);
-        size_t cItems = items ? json_object_array_length(items) : 0;
+        size_t cItems = items ? KVCListingTake(&listing, static_cast<DWORD>(json_object_array_length(items))) : 0;
         if (items && !list.Reserve(cItems)) {
             LogMsg(L"KVCGetKeys realloc Failed", KSP_LOG_FAILURE);
             free(pszNextPath);
@@ -123,8 +124,10 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
         }
         for (size_t i = 0; i < cItems; ++i)
             AppendKeyName(json_object_array_get_idx(items, i), &list);
-        if (!pszNextPath)
+        if (!KVCListingFollow(&listing, pszNextPath)) {
+            free(pszNextPath);
             break;
+        }
     }
 
     *pppNames = list.ppNames;
@@ -143,7 +146,8 @@ int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
     }
     WCHAR szEncoded[KVC_ENCODED_NAME_CHARS] = {};
     memset(pKey, 0, sizeof(*pKey));
-    if (!KVCConvertClearKeyNameToEncoded(pszKeyName, szEncoded, nullptr)) {
+    // An empty name would make the request one for the whole collection: the key listing.
+    if (!*pszKeyName || !KVCConvertClearKeyNameToEncoded(pszKeyName, szEncoded, nullptr)) {
         LogMsg2(L"KVCGetKey KVCConvertClearKeyNameToEncoded Failed", pszKeyName, KSP_LOG_STEP);
         return 0;
     }

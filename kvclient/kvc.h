@@ -75,12 +75,28 @@ struct KVC_WEB_RESPONSE {
 
 // Sends one request (TLS exactly when the port is 443) with up to 10 attempts. The body is
 // sent as the bytes of the narrow text. Null only when the record cannot be allocated.
-// A refused connection waits 20 s before its next attempt, any other failure 200 ms. pszHeaders
-// holds lines each ending in CR LF, or is null. kvc is not used.
+// A refused connection waits 20 s before its next attempt, any other failure 200 ms, within the
+// call's time budget. An answer that cannot be read whole (a read failed or timed out, over
+// 4 MB, the budget spent) leaves status 0 and no body. pszHeaders holds lines each ending in
+// CR LF, or is null. kvc is not used.
 KVC_WEB_RESPONSE *KVCDoWebCall(KVC *kvc, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath, const WCHAR *pszVerb,
                                const WCHAR *pszHeaders, const char *pszBody);
 // Wipes the body (it may hold a token) and frees the record; null is ignored.
 void KVCFreeWebResponse(KVC_WEB_RESPONSE *resp);
+
+// How long one KVCDoWebCall may take: each WinHTTP step at most its time-out (milliseconds, as
+// WinHttpSetTimeouts takes them), and the call with all its attempts and pauses at most the
+// budget. Defaults: resolve and connect 10 s, send and receive 20 s, budget 60 s.
+struct KVC_TIMEOUTS {
+    int resolveMs;
+    int connectMs;
+    int sendMs;
+    int receiveMs;
+    DWORD dwBudgetSeconds;
+};
+// Replaces the time-outs (tests shorten them); null restores the defaults. Not thread-safe:
+// tests set it before calling in.
+void KVCSetTimeouts(const KVC_TIMEOUTS *pTimeouts);
 
 // Joins the pieces (null ones skipped) into one calloc'd text of exactly the size needed, so
 // that a text carrying a token or secret is written once and never left behind in memory
@@ -172,6 +188,11 @@ struct KVKey {
 int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theKey);
 // Frees the owned members of a valid record and sets them to null; sizes and valid stay.
 void KVCFreeKVKey(KVKey *theKey);
+// 1 when the record holds a key this provider can use: RSA ("RSA", "RSA-HSM") with a modulus of
+// 2048 to 4096 bits and an exponent of 1 to 8 bytes, or EC on P-256, P-384 or P-521 with both
+// coordinates of the curve's length. Leading zero bytes of the modulus are dropped first, so
+// that every size taken from it (signature, "Length", export) is the key's own.
+int KVCKeyMaterialUsable(KVKey *pKey);
 
 // ---- One vault call with its retries ------------------------------------------------------
 
@@ -212,6 +233,24 @@ int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *
 
 // The waits most operations use: 1 s doubling up to 16 s, bound tested as the policy says.
 KVC_RETRY_POLICY KVCThrottlePolicy(const WCHAR *pszRetryMsg, BOOL fTestBeforeSleep);
+
+// ---- Listing bounds -----------------------------------------------------------------------
+
+// One paged listing's progress. A listing ends at a repeated link, after 1,000 pages or with
+// 10,000 items, logging pszStoppedMsg with the reason (level 2); what was read by then is the
+// listing. Start with {message} and let it go out of scope when the listing is done.
+struct KVC_LISTING {
+    const WCHAR *pszStoppedMsg;
+    DWORD cPages;       // links followed so far
+    DWORD cItems;       // items taken so far
+    BldStr *seenLinks;  // every link followed, each between line feeds
+    ~KVC_LISTING() { BldStrFree(seenLinks); }
+};
+// 1 when a page's next link may be followed (and it is counted); 0 for none, a link followed
+// before, or the page bound.
+int KVCListingFollow(KVC_LISTING *pListing, const WCHAR *pszNextLink);
+// How many of a page's cItems may still be taken (they are counted).
+DWORD KVCListingTake(KVC_LISTING *pListing, DWORD cItems);
 
 // ---- Key listing and lookup ---------------------------------------------------------------
 
@@ -262,15 +301,16 @@ KVC_KEY_TYPE KVCKeyTypeFromAlgorithm(const WCHAR *pszAlgorithm);
 // client is in certificate mode, else as a plain key, and fills *pKey. 0 or NTE_INTERNAL_ERROR.
 SECURITY_STATUS KVCCreateKey(const WCHAR *pszKeyName, KVC *kvc, const WCHAR *pszAlgorithm, DWORD dwKeyBitLength,
                              DWORD dwExportPolicy, KVKey *pKey);
-// A plain vault key, "-HSM" first and a software key after a 403. dwUnused is not read. 1 or 0;
-// deliberately 1 with an empty record when the HSM request met another 400..410 or throttling
-// outlasted the waits.
+// A plain vault key, "-HSM" first and a software key after a 403. dwUnused is not read. 1 only
+// when the vault answered 200 with usable key material; 0 for every other end (another 400..410
+// to the HSM request and throttling that outlasted the waits included).
 int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName, const WCHAR *pszAlgorithm,
                          DWORD dwKeyBitLength, DWORD dwUnused, KVKey *pKey);
 // A key made by the vault behind a certificate: create (202, pending), then merge a placeholder
 // certificate over the vault's CSR, or the given certificate (pbCert/cbCert) when one is passed:
 // that one must already be a certificate of the vault key, which the vault is then told to keep
-// ("reuse_key"). *pKey is then read back from the vault. 1 or 0.
+// ("reuse_key"). *pKey is then read back from the vault and must hold usable key material. 1 or 0;
+// a create the vault accepted that then came to nothing has its pending operation deleted.
 int KVCLowLevelCreateKeyCertificate(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName,
                                     const WCHAR *pszAlgorithm, DWORD dwKeyBitLength, KVKey *pKey, DWORD fExportable,
                                     const BYTE *pbCert, DWORD cbCert);

@@ -25,12 +25,34 @@ constexpr int kAttempts = 10;
 constexpr DWORD kCannotConnectWaitMs = 20000;
 constexpr DWORD kRetryWaitMs = 200;
 constexpr WORD kTlsPort = 443;
+// Forty times the largest answer the vault gives (a certificate bundle with a 64 KB certificate
+// is about 100 KB): a body beyond it is no vault answer, and reading on would only cost time
+// and memory.
+constexpr DWORD kMaxAnswerBytes = 4 * 1024 * 1024;
+
+// WinHTTP's defaults would let a silent server hold each read for 30 s, and a trickling one
+// without end. Each step gets its own time-out, and the call as a whole a budget: no attempt
+// starts, and no pause before one is taken, once it would be spent, and a body still arriving
+// when it runs out is given up. 60 s keeps three tries at a refused connection.
+constexpr KVC_TIMEOUTS kDefaultTimeouts = {10000, 10000, 20000, 20000, 60};
+KVC_TIMEOUTS g_timeouts = kDefaultTimeouts;
 
 // How an attempt ended.
 enum class Attempt {
     Done,  // a response was received (any HTTP status)
     Retry, // a transient failure: try again
     Stop,  // WinHTTP itself is unusable: trying again cannot help
+    Lost,  // an answer began but could not be read whole: it is no answer, and trying again
+           // would cost as much
+};
+
+// The call's start and how long it may last, in the seconds of the time seam.
+struct Budget {
+    __time64_t start;
+    bool Allows(DWORD dwMoreMs) const
+    {
+        return KspTime() - start + (dwMoreMs + 999) / 1000 <= static_cast<__time64_t>(g_timeouts.dwBudgetSeconds);
+    }
 };
 
 // Grows the body buffer to cbNew bytes through a fresh zeroed block, wiping the old one: a
@@ -45,45 +67,51 @@ char *GrowBody(char *pOld, DWORD cbOld, DWORD cbNew)
     return pNew;
 }
 
-// Reads the whole body; always leaves a zero-terminated text unless a growth failed.
-void ReadBody(HINTERNET hRequest, KVC_WEB_RESPONSE *resp)
+// Reads the whole body into a zero-terminated text. False (logged, lastError set) when it
+// could not be read whole: a failed read, an answer over kMaxAnswerBytes, or a budget spent.
+bool ReadBody(HINTERNET hRequest, KVC_WEB_RESPONSE *resp, const Budget &budget)
 {
     DWORD cbBody = 0; // bytes read so far, terminator excluded
     resp->body = static_cast<char *>(calloc(1, 1));
     if (!resp->body) {
         LogMsgError(L"KVCDoWebCall calloc failure", GetLastError(), KSP_LOG_FAILURE);
-        return;
+        return false;
     }
     for (;;) {
         DWORD cbAvailable = 0;
         if (!WinHttpQueryDataAvailable(hRequest, &cbAvailable)) {
             resp->lastError = GetLastError();
             LogMsgError(L"KVCDoWebCall WinHttpQueryDataAvailable", resp->lastError, KSP_LOG_FAILURE);
-            return;
+            return false;
         }
         if (cbAvailable == 0)
-            return;
-        if (cbAvailable > MAXDWORD - 1 - cbBody) {
-            resp->lastError = ERROR_NOT_ENOUGH_MEMORY;
-            LogMsgError(L"KVCDoWebCall calloc failure", resp->lastError, KSP_LOG_FAILURE);
-            return;
+            return true;
+        if (cbAvailable > kMaxAnswerBytes - cbBody) {
+            resp->lastError = ERROR_INSUFFICIENT_BUFFER;
+            LogMsgError(L"KVCDoWebCall Answer Too Large", resp->lastError, KSP_LOG_WARNING);
+            return false;
+        }
+        if (!budget.Allows(0)) {
+            resp->lastError = ERROR_WINHTTP_TIMEOUT;
+            LogMsgError(L"KVCDoWebCall Time Budget Spent", resp->lastError, KSP_LOG_WARNING);
+            return false;
         }
         resp->body = GrowBody(resp->body, cbBody + 1, cbBody + cbAvailable + 1);
         if (!resp->body) {
             resp->lastError = ERROR_NOT_ENOUGH_MEMORY;
             LogMsgError(L"KVCDoWebCall calloc failure", resp->lastError, KSP_LOG_FAILURE);
-            return;
+            return false;
         }
         DWORD cbRead = 0;
         if (!WinHttpReadData(hRequest, resp->body + cbBody, cbAvailable, &cbRead)) {
             resp->lastError = GetLastError();
             LogMsgError(L"KVCDoWebCall WinHttpReadData", resp->lastError, KSP_LOG_FAILURE);
-            return;
+            return false;
         }
         cbBody += cbRead;
         resp->body[cbBody] = 0;
         if (cbRead == 0) // the server closed early: nothing more will come
-            return;
+            return true;
     }
 }
 
@@ -114,13 +142,19 @@ void ReadStatusAndHeaders(HINTERNET hRequest, KVC_WEB_RESPONSE *resp)
 }
 
 Attempt OneAttempt(KVC_WEB_RESPONSE *resp, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath,
-                   const WCHAR *pszVerb, const WCHAR *pszHeaders, const char *pszBody)
+                   const WCHAR *pszVerb, const WCHAR *pszHeaders, const char *pszBody, const Budget &budget)
 {
     InternetHandle session(WinHttpOpen(kUserAgent, WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
                                        WINHTTP_NO_PROXY_BYPASS, 0));
     if (!session) {
         resp->lastError = GetLastError();
         LogMsgError(L"KVCDoWebCall WinHttpOpen Failed", resp->lastError, KSP_LOG_FAILURE);
+        return Attempt::Stop;
+    }
+    if (!WinHttpSetTimeouts(session.get(), g_timeouts.resolveMs, g_timeouts.connectMs, g_timeouts.sendMs,
+                            g_timeouts.receiveMs)) {
+        resp->lastError = GetLastError();
+        LogMsgError(L"KVCDoWebCall WinHttpSetTimeouts Failed", resp->lastError, KSP_LOG_FAILURE);
         return Attempt::Stop;
     }
     InternetHandle connection(WinHttpConnect(session.get(), pszHost, wPort, 0));
@@ -149,7 +183,6 @@ Attempt OneAttempt(KVC_WEB_RESPONSE *resp, WORD wPort, const WCHAR *pszHost, con
         if (resp->lastError == ERROR_WINHTTP_CANNOT_CONNECT) {
             LogMsgError(L"KVCDoWebCall WinHttpSendRequest Failed - Sleeping 20 Seconds", resp->lastError,
                         KSP_LOG_FAILURE);
-            KspSleep(kCannotConnectWaitMs);
         } else {
             LogMsgError(L"KVCDoWebCall WinHttpSendRequest Failed", resp->lastError, KSP_LOG_FAILURE);
         }
@@ -160,7 +193,11 @@ Attempt OneAttempt(KVC_WEB_RESPONSE *resp, WORD wPort, const WCHAR *pszHost, con
         LogMsgError(L"KVCDoWebCall WinHttpReceiveResponse", resp->lastError, KSP_LOG_FAILURE);
         return Attempt::Retry;
     }
-    ReadBody(request.get(), resp);
+    if (!ReadBody(request.get(), resp, budget)) {
+        KVCWipeFreeBytes(resp->body); // half an answer must not pass for one: no body, status 0
+        resp->body = nullptr;
+        return Attempt::Lost;
+    }
     ReadStatusAndHeaders(request.get(), resp);
     return Attempt::Done;
 }
@@ -190,20 +227,29 @@ KVC_WEB_RESPONSE *KVCDoWebCall(KVC *, WORD wPort, const WCHAR *pszHost, const WC
         LogMsgError(L"KVCDoWebCall allocated response", GetLastError(), KSP_LOG_FAILURE);
         return nullptr;
     }
+    const Budget budget = {KspTime()};
     Attempt outcome = Attempt::Stop;
     for (int attempt = 1; attempt <= kAttempts; attempt++) {
         ResetResponse(resp);
-        outcome = OneAttempt(resp, wPort, pszHost, pszPath, pszVerb, pszHeaders, pszBody);
-        if (outcome != Attempt::Retry)
-            break;
+        outcome = OneAttempt(resp, wPort, pszHost, pszPath, pszVerb, pszHeaders, pszBody, budget);
         // Nothing follows the last attempt, so it is not followed by a pause either.
-        if (attempt < kAttempts)
-            KspSleep(kRetryWaitMs);
+        if (outcome != Attempt::Retry || attempt == kAttempts)
+            break;
+        const bool fRefused = resp->lastError == ERROR_WINHTTP_CANNOT_CONNECT;
+        if (!budget.Allows((fRefused ? kCannotConnectWaitMs : 0) + kRetryWaitMs)) {
+            LogMsgError(L"KVCDoWebCall Time Budget Spent", resp->lastError, KSP_LOG_WARNING);
+            break;
+        }
+        if (fRefused)
+            KspSleep(kCannotConnectWaitMs);
+        KspSleep(kRetryWaitMs);
     }
     if (outcome != Attempt::Done)
         LogMsgError(L"KVCDoWebCall failure", resp->lastError, KSP_LOG_FAILURE);
     return resp;
 }
+
+void KVCSetTimeouts(const KVC_TIMEOUTS *pTimeouts) { g_timeouts = pTimeouts ? *pTimeouts : kDefaultTimeouts; }
 
 void KVCFreeWebResponse(KVC_WEB_RESPONSE *resp)
 {

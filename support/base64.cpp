@@ -14,50 +14,55 @@
 
 namespace {
 
-// Holds any value the vault sends back, with room for its padding.
-constexpr size_t kLocalBase64Chars = 4093;
-
-// "-" -> "+", "_" -> "/", then "=" up to a multiple of four. The local buffers have a fixed
-// size: a longer input fails cleanly (false) rather than faulting the calling process.
-bool NormaliseBase64(const WCHAR *pszBase64, WCHAR (&szOut)[kLocalBase64Chars])
+// A calloc'd copy with "-" -> "+", "_" -> "/" and "=" up to a multiple of four, any length (a
+// certificate of 64 KB is 87 K characters); the caller wipes and frees it. Null for no text,
+// and for text whose length leaves a lone character after the last group of four: that can
+// never be whole bytes, and decoders would otherwise hand back a byte made up of it.
+WCHAR *NormalisedBase64(const WCHAR *pszBase64)
 {
     if (!pszBase64)
-        return false;
-    size_t cch = wcsnlen(pszBase64, kLocalBase64Chars);
-    if (cch >= kLocalBase64Chars)
-        return false;
+        return nullptr;
+    size_t cch = wcslen(pszBase64);
+    size_t cchData = cch;
+    while (cchData > 0 && pszBase64[cchData - 1] == L'=')
+        cchData--;
+    if (cchData % 4 == 1)
+        return nullptr;
+    auto *pszOut = static_cast<WCHAR *>(calloc(cch + 4, sizeof(WCHAR)));
+    if (!pszOut)
+        return nullptr;
     for (size_t i = 0; i < cch; i++) {
         WCHAR ch = pszBase64[i];
-        szOut[i] = ch == L'-' ? L'+' : ch == L'_' ? L'/' : ch;
+        pszOut[i] = ch == L'-' ? L'+' : ch == L'_' ? L'/' : ch;
     }
-    // At most 4,092 characters here, a multiple of four: padding always fits.
     while (cch % 4 != 0)
-        szOut[cch++] = L'=';
-    szOut[cch] = 0;
-    return true;
+        pszOut[cch++] = L'=';
+    return pszOut;
 }
+
+// The normalised copy may hold a token or a protected secret: wiped on every way out.
+struct NormalisedText {
+    WCHAR *psz;
+    explicit NormalisedText(const WCHAR *pszBase64) : psz(NormalisedBase64(pszBase64)) {}
+    ~NormalisedText()
+    {
+        if (psz)
+            SecureZeroMemory(psz, wcslen(psz) * sizeof(WCHAR));
+        free(psz);
+    }
+    NormalisedText(const NormalisedText &) = delete;
+    NormalisedText &operator=(const NormalisedText &) = delete;
+};
 
 } // namespace
 
 int BldBinFromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut)
 {
     LogMsg(L"BldBinFromBase64", KSP_LOG_TRACE);
-    BldStr *pstr = BldStrNewStr(pszBase64);
-    if (!pstr)
+    NormalisedText text(pszBase64);
+    if (!text.psz)
         return 0;
-    for (DWORD i = 0; i < pstr->length; i++) {
-        if (pstr->cStr[i] == L'-')
-            pstr->cStr[i] = L'+';
-        else if (pstr->cStr[i] == L'_')
-            pstr->cStr[i] = L'/';
-    }
-    while (pstr->length % 4 != 0) {
-        if (!BldStrCat(pstr, L"="))
-            break;
-    }
-    int result = CryptStringToBinaryW(pstr->cStr, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
-    BldStrFree(pstr); // zeroes the text: it may be a token or a protected secret
-    return result;
+    return CryptStringToBinaryW(text.psz, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
 }
 
 WCHAR *KVCKKVKSP_ToBase64(const BYTE *pb, DWORD cb)
@@ -83,19 +88,14 @@ WCHAR *KVCKKVKSP_ToBase64(const BYTE *pb, DWORD cb)
 
 int KVCKKVKSP_FromBase64(const WCHAR *pszBase64, BYTE **ppbOut, DWORD *pcbOut, BOOL fAllocate)
 {
-    WCHAR szBase64[kLocalBase64Chars];
     if (!pcbOut)
         return 0;
-    if (!NormaliseBase64(pszBase64, szBase64)) {
-        LogMsg(L"KVCKKVKSP_FromBase64 Input Too Long", KSP_LOG_FAILURE);
+    NormalisedText text(pszBase64);
+    if (!text.psz) {
+        LogMsg(L"KVCKKVKSP_FromBase64 Not Whole Bytes", KSP_LOG_FAILURE);
         return 0;
     }
-
-    // The copy may hold a token or a protected secret: wiped on every way out.
-    struct WipeOnExit {
-        WCHAR *psz;
-        ~WipeOnExit() { SecureZeroMemory(psz, kLocalBase64Chars * sizeof(WCHAR)); }
-    } wipe{szBase64};
+    const WCHAR *szBase64 = text.psz;
 
     DWORD cbDecoded = 0;
     if (!CryptStringToBinaryW(szBase64, 0, CRYPT_STRING_BASE64_ANY, nullptr, &cbDecoded, nullptr, nullptr)) {
@@ -131,14 +131,12 @@ int KVCKKVKSP_FromBase64(const WCHAR *pszBase64, BYTE **ppbOut, DWORD *pcbOut, B
 
 int KKVKSP_FromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut)
 {
-    WCHAR szBase64[kLocalBase64Chars];
-    if (!NormaliseBase64(pszBase64, szBase64)) {
-        LogMsg(L"KKVKSP_FromBase64 Input Too Long", KSP_LOG_FAILURE);
+    NormalisedText text(pszBase64); // the DPAPI text of the client secret comes this way
+    if (!text.psz) {
+        LogMsg(L"KKVKSP_FromBase64 Not Whole Bytes", KSP_LOG_FAILURE);
         return 0;
     }
-    BOOL decoded = CryptStringToBinaryW(szBase64, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
-    SecureZeroMemory(szBase64, sizeof(szBase64)); // the DPAPI text of the client secret comes this way
-    if (!decoded) {
+    if (!CryptStringToBinaryW(text.psz, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr)) {
         LogMsg(L"KKVKSP_FromBase64 CryptStringToBinary Failed", KSP_LOG_FAILURE);
         return 0;
     }

@@ -233,22 +233,30 @@ BldStr *BldStrGetWStringValue(BOOL fMachine)
     return pstr;
 }
 
-char *WStrToBytesStr(const WCHAR *str)
+namespace {
+
+char *Narrowed(UINT codePage, const WCHAR *str)
 {
     if (!str)
         return nullptr;
-    int cb = WideCharToMultiByte(CP_ACP, 0, str, -1, nullptr, 0, nullptr, nullptr);
+    int cb = WideCharToMultiByte(codePage, 0, str, -1, nullptr, 0, nullptr, nullptr);
     if (cb < 1)
         return nullptr;
     char *psz = static_cast<char *>(calloc(cb, 1));
     if (!psz)
         return nullptr;
-    if (WideCharToMultiByte(CP_ACP, 0, str, -1, psz, cb, nullptr, nullptr) < 1) {
+    if (WideCharToMultiByte(codePage, 0, str, -1, psz, cb, nullptr, nullptr) < 1) {
         free(psz);
         return nullptr;
     }
     return psz;
 }
+
+} // namespace
+
+char *WStrToBytesStr(const WCHAR *str) { return Narrowed(CP_ACP, str); }
+
+char *WStrToUtf8(const WCHAR *str) { return Narrowed(CP_UTF8, str); }
 
 WCHAR *BytesStrToWStr(const char *psz)
 {

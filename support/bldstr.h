@@ -29,6 +29,8 @@ BldStr *BldStrNewHexStr(const BYTE *pb, DWORD cb);
 BldStr *BldStrGetWStringValue(BOOL fMachine);
 
 char *WStrToBytesStr(const WCHAR *str);
+// The same in UTF-8: what every JSON request body is sent as, whatever the system code page.
+char *WStrToUtf8(const WCHAR *str);
 // The reverse: a calloc'd wide copy of narrow text in the system code page; null when it cannot
 // be made (null text included).
 WCHAR *BytesStrToWStr(const char *psz);

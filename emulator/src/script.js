@@ -12,7 +12,12 @@
 //   {reset: true, delay?}    abort the connection (TCP reset)
 //   {pass: true, delay?}     let the service answer (after the delay)
 // `repeat` uses a response that many times; `truncate` sends only that
-// many bytes of the body (the head announces all of it) and then closes.
+// many bytes of the body (the head announces all of it) and then closes;
+// `brokenChunked` announces a chunked body, sends the body without chunk
+// framing and leaves the connection open (the client waits for a chunk
+// that never ends); `padTo` fills the body with spaces up to that many
+// bytes (a large answer without a large script).
+const http = require('http');
 const { send } = require('./util');
 
 const SERVICES = ['login', 'vault', 'imds', 'arc'];
@@ -38,6 +43,7 @@ function validate(entry) {
     }
     if (r.repeat !== undefined && !(Number.isInteger(r.repeat) && r.repeat >= 1)) return 'repeat must be a whole number from 1';
     if (!count(r.truncate)) return 'truncate must be a whole number';
+    if (!count(r.padTo) || r.padTo > 64 * 1024 * 1024) return 'padTo must be a whole number up to 64 MB';
   }
   return null;
 }
@@ -105,8 +111,17 @@ function play(req, res, r, baseHeaders) {
       return;
     }
     const headers = Object.assign({}, baseHeaders, lowerKeys(r.headers || {}));
-    const body = r.body === undefined || r.body === null ? null
+    let body = r.body === undefined || r.body === null ? null
       : typeof r.body === 'string' ? r.body : JSON.stringify(r.body);
+    if (r.padTo > 0) body = (body || '') + ' '.repeat(Math.max(0, r.padTo - Buffer.byteLength(body || '')));
+    if (r.brokenChunked) {
+      // Written past Node's HTTP layer, which would frame the chunks properly.
+      const lines = [`HTTP/1.1 ${r.status} ${http.STATUS_CODES[r.status] || 'Unknown'}`];
+      for (const [k, v] of Object.entries(headers)) if (k !== 'content-length') lines.push(`${k}: ${v}`);
+      lines.push('transfer-encoding: chunked');
+      req.socket.write(lines.join('\r\n') + '\r\n\r\n' + (body || ''));
+      return;
+    }
     if (r.truncate === undefined) {
       send(res, r.status, headers, body);
       return;

@@ -68,6 +68,14 @@ test('malformed, wrongly typed, empty and truncated answers', async () => {
   await assert.rejects(call('GET', '/keys/k?api-version=7.0'), (e) => /aborted|ECONNRESET|socket hang up/i.test(`${e.code} ${e.message}`));
 });
 
+test('a broken chunked answer announces chunks it never frames; padTo makes a body large', async () => {
+  await script({ responses: [{ status: 200, body: '{"value":"AQAB"}', brokenChunked: true }, { status: 200, body: { a: 1 }, padTo: 100000 }] });
+  await assert.rejects(call('GET', '/keys?api-version=7.0'), (e) => /chunk/i.test(`${e.code} ${e.message}`));
+  const padded = await call('GET', '/keys?api-version=7.0');
+  assert.strictEqual(padded.text.length, 100000);
+  assert.deepStrictEqual(padded.json, { a: 1 });
+});
+
 test('a reset aborts the connection; a drop closes it', async () => {
   await script({ responses: [{ reset: true }, { drop: true }] });
   await assert.rejects(call('GET', '/keys?api-version=7.0'), (e) => /ECONNRESET|socket hang up/.test(`${e.code} ${e.message}`));

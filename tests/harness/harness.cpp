@@ -4,6 +4,7 @@
 #include <wincrypt.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <cstdio>
 #include <stdlib.h>
 #include <time.h>
@@ -495,6 +496,8 @@ void VaultProviderTest::SetUp()
     GetTempPathW(MAX_PATH, temp);
     logDir = std::wstring(temp) + L"kestal-vault-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
              std::to_wstring(++count);
+    std::error_code ignored; // Wine reuses process ids: the name may hold an earlier program's log
+    std::filesystem::remove_all(logDir, ignored);
     CreateDirectoryW(logDir.c_str(), nullptr);
     SetSetting(HKEY_LOCAL_MACHINE, L"LogfilePath", logDir);
     SetSettingDword(HKEY_LOCAL_MACHINE, L"LoggingLevel", 10);

@@ -37,7 +37,6 @@ TEST_F(Export, PublicBlobsAreBuiltFromTheKeyRecordWithoutTheVault)
         {"p521", R"("kty":"EC","crv":"P-521")", L"ECCPUBLICBLOB", BCRYPT_ECDSA_PUBLIC_P521_MAGIC, 140},
         {"p256dec", R"("kty":"EC","crv":"P-256","key_ops":["verify","decrypt"])", L"ECCPUBLICBLOB",
          BCRYPT_ECDH_PUBLIC_P256_MAGIC, 72},
-        {"p256k", R"("kty":"EC","crv":"P-256K")", L"ECCPUBLICBLOB", 0, 72},
     };
     for (const auto &row : rows) {
         Json bundle;

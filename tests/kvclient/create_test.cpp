@@ -115,8 +115,8 @@ TEST_F(Create, PlainRefusalsAndThrottlingShareOneWaitCounter)
     const struct { std::string script, onlyIf; int result; size_t posts; std::vector<DWORD> waits = {};
         std::string algId = ""; } rows[] = {
         {.script = "", .result = 1, .posts = 2, .algId = "RSA"}, // the standard tier refuses "-HSM" with 403
-        {.script = R"({"status":400,"body":{"error":{}}})", .result = 1, .posts = 1},
-        {.script = R"({"status":429,"repeat":6})", .result = 1, .posts = 5, .waits = {1000, 2000, 4000, 8000, 16000}},
+        {.script = R"({"status":400,"body":{"error":{}}})", .result = 0, .posts = 1},
+        {.script = R"({"status":429,"repeat":6})", .result = 0, .posts = 5, .waits = {1000, 2000, 4000, 8000, 16000}},
         {.script = R"({"status":429})", .result = 1, .posts = 3, .waits = {1000},
          .algId = "RSA"}, // 429, 403, then the software key
         {.script = R"({"status":500,"body":{}})", .result = 0, .posts = 1},

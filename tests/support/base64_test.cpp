@@ -45,7 +45,7 @@ TEST(Base64, FromBase64SizesAllocatesAndEncoderPadsOnOneLine)
 
 using Base64Failures = VaultProviderTest;
 
-TEST_F(Base64Failures, InvalidOrOverLongInputFailsCleanly)
+TEST_F(Base64Failures, InvalidInputOrALoneLastCharacterFailsCleanlyAndAnyLengthDecodes)
 {
     Attach(0, 10);
     g_events.clear();
@@ -54,16 +54,21 @@ TEST_F(Base64Failures, InvalidOrOverLongInputFailsCleanly)
     std::wstring huge(4096, L'A');
     EXPECT_EQ(KKVKSP_FromBase64(L"S*k", buffer, &cb), 0);
     EXPECT_EQ(KVCKKVKSP_FromBase64(L"S*k", &pb, &cb, FALSE), 0);
-    EXPECT_EQ(KKVKSP_FromBase64(huge.c_str(), buffer, &cb), 0);
-    EXPECT_EQ(KVCKKVKSP_FromBase64(huge.c_str(), &pb, &cb, FALSE), 0);
-    cb = sizeof(buffer);
-    EXPECT_EQ(BldBinFromBase64(huge.c_str(), buffer, &cb), 1) << "its copy is on the heap";
-    EXPECT_EQ(cb, 3072u);
+    EXPECT_EQ(KKVKSP_FromBase64(L"SGkAB", buffer, &cb), 0); // a lone fifth character: no whole bytes
+    EXPECT_EQ(KVCKKVKSP_FromBase64(L"A", &pb, &cb, FALSE), 0);
+    for (int decoder = 0; decoder < 3; ++decoder) { // the copies are on the heap
+        cb = sizeof(buffer);
+        EXPECT_EQ(decoder == 0   ? BldBinFromBase64(huge.c_str(), buffer, &cb)
+                  : decoder == 1 ? KKVKSP_FromBase64(huge.c_str(), buffer, &cb)
+                                 : KVCKKVKSP_FromBase64(huge.c_str(), &pb, &cb, FALSE),
+                  1);
+        EXPECT_EQ(cb, 3072u);
+    }
     std::vector<std::wstring> messages;
     for (const RecordedEvent &e : g_events)
         messages.push_back(e.message);
     EXPECT_EQ(messages, (std::vector<std::wstring>{L"KKVKSP_FromBase64 CryptStringToBinary Failed",
                                                    L"KVCKKVKSP_FromBase64 CryptStringToBinaryW 1 Failed",
-                                                   L"KKVKSP_FromBase64 Input Too Long", L"KVCKKVKSP_FromBase64 Input Too Long",
-                                                   L"BldBinFromBase64"}));
+                                                   L"KKVKSP_FromBase64 Not Whole Bytes",
+                                                   L"KVCKKVKSP_FromBase64 Not Whole Bytes", L"BldBinFromBase64"}));
 }
