@@ -1,6 +1,10 @@
-// The transport: every byte the vault client sends or receives goes through KVCDoWebCall,
-// one WinHTTP session, connection and request per call.
+// The transport: every byte the vault client sends or receives goes through KVCDoWebCall. By
+// default each call has a WinHTTP session, connection and request of its own; with
+// ReuseConnections set, all calls of the process share one session whose connections WinHTTP
+// keeps alive, which saves a TCP and TLS handshake (two or three round trips) per call.
 #include "kvclient/kvc.h"
+#include "support/handles.h"
+#include "support/module.h"
 
 #include <winhttp.h>
 
@@ -8,15 +12,8 @@
 #include <string.h>
 #include <wchar.h>
 
-#include <memory>
 
 namespace {
-
-struct InternetClose {
-    void operator()(HINTERNET h) const { WinHttpCloseHandle(h); }
-};
-// Closes a WinHTTP handle on every way out of an attempt.
-using InternetHandle = std::unique_ptr<void, InternetClose>;
 
 constexpr WCHAR kUserAgent[] = L"Kestal Key Vault Key Storage Provider";
 constexpr int kAttempts = 10;
@@ -141,40 +138,66 @@ void ReadStatusAndHeaders(HINTERNET hRequest, KVC_WEB_RESPONSE *resp)
     free(pszHeaders);
 }
 
-Attempt OneAttempt(KVC_WEB_RESPONSE *resp, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath,
+HINTERNET OpenSession() {
+    return WinHttpOpen(kUserAgent, WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0);
+}
+
+HINTERNET g_hSharedSession = nullptr;
+
+BOOL CALLBACK OpenSharedSession(PINIT_ONCE, PVOID, PVOID *)
+{
+    g_hSharedSession = OpenSession();
+    return TRUE;
+}
+
+// The session every call shares when connections are reused: made on first use, safe for many
+// threads at once (WinHTTP hands each request its own connection from the session's pool), and
+// kept for the life of the process; closing it while the process ends could race a last call.
+HINTERNET SharedSession()
+{
+    static INIT_ONCE once = INIT_ONCE_STATIC_INIT;
+    InitOnceExecuteOnce(&once, OpenSharedSession, nullptr, nullptr);
+    return g_hSharedSession;
+}
+
+// One exchange. hShared null: over a session and connection of its own, closed with it.
+Attempt OneAttempt(KVC_WEB_RESPONSE *resp, HINTERNET hShared, WORD wPort, const WCHAR *pszHost, const WCHAR *pszPath,
                    const WCHAR *pszVerb, const WCHAR *pszHeaders, const char *pszBody, const Budget &budget)
 {
-    InternetHandle session(WinHttpOpen(kUserAgent, WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
-                                       WINHTTP_NO_PROXY_BYPASS, 0));
-    if (!session) {
+    UniqueInternet ownSession(hShared ? nullptr : OpenSession());
+    HINTERNET hSession = hShared ? hShared : ownSession.get();
+    if (!hSession) {
         resp->lastError = GetLastError();
         LogMsgError(L"KVCDoWebCall WinHttpOpen Failed", resp->lastError, KSP_LOG_FAILURE);
         return Attempt::Stop;
     }
-    if (!WinHttpSetTimeouts(session.get(), g_timeouts.resolveMs, g_timeouts.connectMs, g_timeouts.sendMs,
-                            g_timeouts.receiveMs)) {
-        resp->lastError = GetLastError();
-        LogMsgError(L"KVCDoWebCall WinHttpSetTimeouts Failed", resp->lastError, KSP_LOG_FAILURE);
-        return Attempt::Stop;
-    }
-    InternetHandle connection(WinHttpConnect(session.get(), pszHost, wPort, 0));
+    UniqueInternet connection(WinHttpConnect(hSession, pszHost, wPort, 0));
     if (!connection) {
         resp->lastError = GetLastError();
         LogMsgError(L"KVCDoWebCall WinHttpConnect Failed", resp->lastError, KSP_LOG_FAILURE);
         return Attempt::Stop;
     }
     DWORD dwFlags = wPort == kTlsPort ? WINHTTP_FLAG_SECURE : 0;
-    InternetHandle request(WinHttpOpenRequest(connection.get(), pszVerb, pszPath, nullptr, WINHTTP_NO_REFERER,
+    UniqueInternet request(WinHttpOpenRequest(connection.get(), pszVerb, pszPath, nullptr, WINHTTP_NO_REFERER,
                                               WINHTTP_DEFAULT_ACCEPT_TYPES, dwFlags));
     if (!request) {
         resp->lastError = GetLastError();
         LogMsgError(L"KVCDoWebCall WinHttpOpenRequest Failed", resp->lastError, KSP_LOG_FAILURE);
         return Attempt::Retry;
     }
-    // Every call has its own connection: closing the session ends it on Windows, but Wine keeps
-    // a process-wide pool, so the connection is told not to outlive its one request.
-    DWORD dwDisable = WINHTTP_DISABLE_KEEP_ALIVE;
-    WinHttpSetOption(request.get(), WINHTTP_OPTION_DISABLE_FEATURE, &dwDisable, sizeof(dwDisable));
+    // Set on the request, so that a shared session is never changed under another thread.
+    if (!WinHttpSetTimeouts(request.get(), g_timeouts.resolveMs, g_timeouts.connectMs, g_timeouts.sendMs,
+                            g_timeouts.receiveMs)) {
+        resp->lastError = GetLastError();
+        LogMsgError(L"KVCDoWebCall WinHttpSetTimeouts Failed", resp->lastError, KSP_LOG_FAILURE);
+        return Attempt::Stop;
+    }
+    if (!hShared) {
+        // A call of its own: closing the session ends the connection on Windows, but Wine keeps a
+        // process-wide pool, so the connection is told not to outlive its one request.
+        DWORD dwDisable = WINHTTP_DISABLE_KEEP_ALIVE;
+        WinHttpSetOption(request.get(), WINHTTP_OPTION_DISABLE_FEATURE, &dwDisable, sizeof(dwDisable));
+    }
     DWORD cbBody = pszBody ? static_cast<DWORD>(strlen(pszBody)) : 0;
     if (!WinHttpSendRequest(request.get(), pszHeaders ? pszHeaders : WINHTTP_NO_ADDITIONAL_HEADERS,
                             pszHeaders ? static_cast<DWORD>(-1L) : 0,
@@ -228,10 +251,18 @@ KVC_WEB_RESPONSE *KVCDoWebCall(KVC *, WORD wPort, const WCHAR *pszHost, const WC
         return nullptr;
     }
     const Budget budget = {KspTime()};
+    HINTERNET hShared = g_ReuseConnections ? SharedSession() : nullptr;
     Attempt outcome = Attempt::Stop;
     for (int attempt = 1; attempt <= kAttempts; attempt++) {
         ResetResponse(resp);
-        outcome = OneAttempt(resp, wPort, pszHost, pszPath, pszVerb, pszHeaders, pszBody, budget);
+        outcome = OneAttempt(resp, hShared, wPort, pszHost, pszPath, pszVerb, pszHeaders, pszBody, budget);
+        if (outcome == Attempt::Retry && hShared) {
+            // The kept connection may have been closed by the server while idle: the request is
+            // repeated at once over a connection of its own, before the usual rules apply.
+            LogMsgError(L"KVCDoWebCall Kept Connection Failed - New Connection", resp->lastError, KSP_LOG_WARNING);
+            ResetResponse(resp);
+            outcome = OneAttempt(resp, nullptr, wPort, pszHost, pszPath, pszVerb, pszHeaders, pszBody, budget);
+        }
         // Nothing follows the last attempt, so it is not followed by a pause either.
         if (outcome != Attempt::Retry || attempt == kAttempts)
             break;

@@ -11,6 +11,7 @@
 #include "support/timeseam.h"
 
 HANDLE g_hKspSemaphore = nullptr;
+DWORD g_ReuseConnections = 0;
 KSP_BUFFER_NODE g_EnumBufferList = {nullptr, &g_EnumBufferList, &g_EnumBufferList};
 SRWLOCK g_EnumBufferLock = SRWLOCK_INIT;
 
@@ -64,6 +65,7 @@ void KspModuleAttach(void)
         wcscpy_s(g_EventSourceName, ARRAYSIZE(g_EventSourceName), L"Application");
 
     LogConfigure();
+    g_ReuseConnections = ReadLevelSetting(L"ReuseConnections") == 1 ? 1 : 0;
     g_FileLogLevel = ReadLevelSetting(L"LoggingLevel");
     g_LogLevel = g_FileLogLevel;
     // The file follows the event log too: raising EVLoggingLevel alone also fills the file.

@@ -8,6 +8,10 @@
 void KspModuleAttach(void);
 void KspModuleDetach(void);
 
+// ReuseConnections (HKEY_LOCAL_MACHINE, read at attach): 1 keeps vault connections alive and
+// shares them among all calls of the process; 0 (the default) makes a new connection per call.
+extern DWORD g_ReuseConnections;
+
 // The lock around every key's property list: created at attach, closed at detach.
 extern HANDLE g_hKspSemaphore;
 
