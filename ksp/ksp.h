@@ -103,6 +103,9 @@ KSP_BUFFER_NODE *AddEnumBuffer(PVOID pBuffer);
 
 // The provider behind a handle, or null when the handle is null, too short or of another kind.
 KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider);
+// Logs a property value being set (level 10), in the form its name suggests: a number, a
+// text, or the name alone. A smart-card PIN is never logged, only its name.
+void KspLogPropertyValue(const WCHAR *pszEntry, LPCWSTR pszName, const BYTE *pbInput, DWORD cbInput);
 
 // Writes a REG_SZ under Software\Kestal\KestalKeyVaultKSP of HKEY_LOCAL_MACHINE (fMachine) or
 // HKEY_CURRENT_USER. The key is opened, never created. TRUE when the value was written.
