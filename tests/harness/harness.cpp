@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <regex>
 #include <stdexcept>
 
 #include "support/log.h"
@@ -509,6 +510,12 @@ void VaultProviderTest::TearDown()
         freeProvider(h);
     open_.clear();
     dll_.reset();
+    static const std::regex kJwt("eyJ[A-Za-z0-9_-]+\\.[A-Za-z0-9_-]+");
+    for (const std::string &line : Log())
+        if (std::regex_search(line, kJwt) || line.find(kTestPin) != std::string::npos ||
+            line.find("harness-machine-secret") != std::string::npos ||
+            line.find("harness-user-secret") != std::string::npos)
+            ADD_FAILURE() << "a secret reached the log: " << line;
     ClearSettings(HKEY_LOCAL_MACHINE);
     ClearSettings(HKEY_CURRENT_USER);
     KspModuleAttach(); // no settings: the core's logging is off again
