@@ -20,10 +20,10 @@ constexpr DWORD kSecurityDescrFlags = 0x1F; // owner, group, DACL, SACL and labe
 constexpr const WCHAR *kNumericNames[] = {
     L"Block Length",    L"Export Policy",          L"Impl Type",         L"Key Type", L"Key Usage", L"Length",
     L"Max Name Length", L"Security Descr Support", L"Enabled Use Count", L"Version"};
+// "SmartCardPin" and "SmartCardSecurePin" are text too, but secrets: only their names are logged.
 constexpr const WCHAR *kTextNames[] = {
-    L"Algorithm Group", L"Algorithm Name",  L"SmartCardAssociatedECDHKey", L"Name",
-    L"SmartCardPin",    L"SmartCardReader", L"SmartCardSecurePin",         L"Unique Name",
-    L"Use Context"};
+    L"Algorithm Group", L"Algorithm Name", L"SmartCardAssociatedECDHKey", L"Name", L"SmartCardReader",
+    L"Unique Name",     L"Use Context"};
 
 template <size_t N> bool OneOf(LPCWSTR pszName, const WCHAR *const (&names)[N])
 {
@@ -137,13 +137,17 @@ SECURITY_STATUS ReadBuiltin(const KSP_KEY *pKey, LPCWSTR pszName, BuiltinValue *
     return NTE_NOT_SUPPORTED;
 }
 
-void LogValueSet(LPCWSTR pszName, const BYTE *pbInput, DWORD cbInput)
+} // namespace
+
+void KspLogPropertyValue(const WCHAR *pszEntry, LPCWSTR pszName, const BYTE *pbInput, DWORD cbInput)
 {
+    if (!pszName)
+        return;
     if (OneOf(pszName, kNumericNames)) {
         DWORD dw = 0xFFFFFFFF;
         if (pbInput && cbInput >= sizeof(DWORD))
             memcpy(&dw, pbInput, sizeof(DWORD));
-        LogMsgNum(L"KestalKeyVaultKSPSetKeyProperty", pszName, static_cast<int>(dw), KSP_LOG_TRACE);
+        LogMsgNum(pszEntry, pszName, static_cast<int>(dw), KSP_LOG_TRACE);
     } else if (OneOf(pszName, kTextNames)) {
         // The value need not be terminated inside cbInput.
         WCHAR szText[256] = L"(NULL)";
@@ -153,13 +157,11 @@ void LogValueSet(LPCWSTR pszName, const BYTE *pbInput, DWORD cbInput)
             memcpy(szText, pbInput, cch * sizeof(WCHAR));
             szText[cch] = 0;
         }
-        LogMsg3(L"KestalKeyVaultKSPSetKeyProperty", pszName, szText, KSP_LOG_TRACE);
+        LogMsg3(pszEntry, pszName, szText, KSP_LOG_TRACE);
     } else {
-        LogMsg2(L"KestalKeyVaultKSPSetKeyProperty", pszName, KSP_LOG_TRACE);
+        LogMsg2(pszEntry, pszName, KSP_LOG_TRACE);
     }
 }
-
-} // namespace
 
 extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetKeyProperty(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey,
                                                                   LPCWSTR pszProperty, PBYTE pbOutput, DWORD cbOutput,
@@ -218,8 +220,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetKeyProperty(NCRYPT_PROV_HA
                                                                   DWORD dwFlags)
 {
     LogMsg2(L"KestalKeyVaultKSPSetKeyProperty", pszProperty, KSP_LOG_ENTRY);
-    if (pszProperty)
-        LogValueSet(pszProperty, pbInput, cbInput);
+    KspLogPropertyValue(L"KestalKeyVaultKSPSetKeyProperty", pszProperty, pbInput, cbInput);
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
         return KspFail(L"KestalKeyVaultKSPSetKeyProperty", NTE_INVALID_HANDLE);

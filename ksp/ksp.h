@@ -110,6 +110,9 @@ BOOL RemoveEnumBuffer(PVOID pBuffer);
 
 // The provider behind a handle, or null when the handle is null, too short or of another kind.
 KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider);
+// Logs a property value being set (level 10), in the form its name suggests: a number, a
+// text, or the name alone. A smart-card PIN is never logged, only its name.
+void KspLogPropertyValue(const WCHAR *pszEntry, LPCWSTR pszName, const BYTE *pbInput, DWORD cbInput);
 
 
 // Logs the entry's failure with its status and returns the status: the one way a CNG entry fails.

@@ -184,47 +184,6 @@ bool PropertyNameTooLong(LPCWSTR pszProperty)
     return wcsnlen(pszProperty, kMaxPropertyNameChars + 1) > kMaxPropertyNameChars;
 }
 
-bool IsOneOf(LPCWSTR pszName, const WCHAR *const *ppszNames, size_t count)
-{
-    for (size_t i = 0; i < count; ++i)
-        if (_wcsicmp(pszName, ppszNames[i]) == 0)
-            return true;
-    return false;
-}
-
-// The value given to SetProviderProperty, in the form its name suggests. Only chooses how
-// the line looks; never reads past cbInput.
-void LogPropertyToSet(LPCWSTR pszProperty, const BYTE *pbInput, DWORD cbInput)
-{
-    static const WCHAR *const kDwordNames[] = {L"Block Length", L"Export Policy", L"Impl Type", L"Key Type",
-                                               L"Key Usage", L"Length", L"Max Name Length",
-                                               L"Security Descr Support", L"Enabled Use Count", L"Version"};
-    static const WCHAR *const kStringNames[] = {L"Algorithm Group", L"Algorithm Name", L"SmartCardAssociatedECDHKey",
-                                                L"Name", L"SmartCardPin", L"SmartCardReader", L"SmartCardSecurePin",
-                                                L"Unique Name", L"Use Context"};
-    if (!pszProperty)
-        return;
-    if (IsOneOf(pszProperty, kDwordNames, ARRAYSIZE(kDwordNames)) && pbInput && cbInput >= sizeof(DWORD)) {
-        DWORD value;
-        memcpy(&value, pbInput, sizeof(value));
-        LogMsgNum(L"KestalKeyVaultKSPSetProviderProperty", pszProperty, static_cast<int>(value), KSP_LOG_TRACE);
-    } else if (IsOneOf(pszProperty, kStringNames, ARRAYSIZE(kStringNames)) && pbInput) {
-        // A PIN is a secret: its name is logged, never its value.
-        if (_wcsicmp(pszProperty, L"SmartCardPin") == 0 || _wcsicmp(pszProperty, L"SmartCardSecurePin") == 0) {
-            LogMsg2(L"KestalKeyVaultKSPSetProviderProperty", pszProperty, KSP_LOG_TRACE);
-            return;
-        }
-        WCHAR szValue[256] = {};
-        size_t cch = cbInput / sizeof(WCHAR);
-        if (cch > ARRAYSIZE(szValue) - 1)
-            cch = ARRAYSIZE(szValue) - 1;
-        memcpy(szValue, pbInput, cch * sizeof(WCHAR));
-        LogMsg3(L"KestalKeyVaultKSPSetProviderProperty", pszProperty, szValue, KSP_LOG_TRACE);
-    } else {
-        LogMsg2(L"KestalKeyVaultKSPSetProviderProperty", pszProperty, KSP_LOG_TRACE);
-    }
-}
-
 } // namespace
 
 KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider)
@@ -387,7 +346,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetProviderProperty(NCRYPT_PR
                                                                        PBYTE pbInput, DWORD cbInput, DWORD dwFlags)
 {
     LogMsg(L"KestalKeyVaultKSPSetProviderProperty", KSP_LOG_ENTRY);
-    LogPropertyToSet(pszProperty, pbInput, cbInput);
+    KspLogPropertyValue(L"KestalKeyVaultKSPSetProviderProperty", pszProperty, pbInput, cbInput);
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
         return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_INVALID_HANDLE);

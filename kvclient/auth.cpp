@@ -4,6 +4,7 @@
 
 #include <wininet.h>
 
+#include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -36,8 +37,12 @@ constexpr DWORD kEndpointChars = 500;
 // gets four minutes.
 constexpr int kManagedIdentityAttempts = 241;
 constexpr DWORD kManagedIdentityWaitMs = 1000;
-// The Arc agent's key file: 64 hexadecimal characters in practice.
-constexpr size_t kArcSecretBytes = 2000;
+// The Arc agent's key file: 64 hexadecimal characters in practice. Only a file of its own
+// folder is read, and only a small one: the challenge comes over plain HTTP from whoever
+// listens on the agent's port.
+constexpr DWORD kArcSecretBytes = 4096;
+constexpr WCHAR kArcTokenFolder[] = L"\\AzureConnectedMachineAgent\\Tokens\\";
+constexpr WCHAR kArcKeyFileExtension[] = L".key";
 
 constexpr WCHAR kIdentityPlaceholder[] = L"oidguid";
 constexpr DWORD kVaultNameChars = 24;
@@ -128,6 +133,7 @@ struct FRESH_TOKEN {
     BldStr *tokenType;
     BldStr *accessToken;
     __time64_t lifetime; // seconds the token may be used from the moment it was asked for
+    WCHAR szVaultName[kVaultNameChars + 1]; // the vault named after the identity; empty if none
 };
 
 void FreeFreshToken(FRESH_TOKEN *pToken)
@@ -171,8 +177,30 @@ __time64_t UsableLifetime(json_object *doc, __time64_t now)
     return static_cast<__time64_t>(seconds - margin);
 }
 
+// The token type goes into the Authorization line as it stands: printable ASCII, no spaces.
+bool IsHeaderWord(const char *psz)
+{
+    for (; psz && *psz; ++psz)
+        if (*psz < 0x21 || *psz > 0x7E)
+            return false;
+    return true;
+}
+
+// The token itself: token68 (letters, digits, "-._~+/", then "=" padding only).
+bool IsToken68(const char *psz)
+{
+    for (; psz && *psz && *psz != '='; ++psz)
+        if (!isalnum(static_cast<unsigned char>(*psz)) && !strchr("-._~+/", *psz))
+            return false;
+    for (; psz && *psz == '='; ++psz) {
+    }
+    return !psz || !*psz;
+}
+
 // Takes "token_type", "access_token" and the lifetime from a 200 answer; either text counts as
-// a token.
+// a token. A token a header line could not carry as it stands is refused: the metadata
+// service and the Arc agent answer over plain HTTP, and a CR LF in a token would add headers of
+// the answerer's choosing to every vault request.
 int TakeToken(FRESH_TOKEN *pToken, const char *pszBody, __time64_t now)
 {
     KVCJsonDoc doc = KVCJsonParse(pszBody);
@@ -180,6 +208,11 @@ int TakeToken(FRESH_TOKEN *pToken, const char *pszBody, __time64_t now)
     const char *pszToken = KVCJsonGetString(doc.get(), "access_token");
     if (!pszType && !pszToken)
         return 0;
+    if (!IsHeaderWord(pszType) || !IsToken68(pszToken)) {
+        LogMsg(L"KVCAuthenticate Token Refused - token_type or access_token holds characters a header cannot carry",
+               KSP_LOG_FAILURE);
+        return 0;
+    }
     FreeFreshToken(pToken);
     pToken->tokenType = BldStrNewStrFromAscii(pszType ? pszType : "");
     pToken->accessToken = BldStrNewStrFromAscii(pszToken ? pszToken : "");
@@ -237,20 +270,80 @@ int ClientSecretToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken, _
 
 // ---- Managed identity ----------------------------------------------------------------------
 
-// Reads the key file and appends "Authorization: Basic <contents>" to the request headers.
-int AnswerArcChallenge(const WCHAR *pszPath, WCHAR *pszHeaders, size_t cchHeaders)
+// Only "<ProgramData>\AzureConnectedMachineAgent\Tokens\<name>.key" is the agent's key file.
+// Any other path in a challenge is refused: a process listening on the agent's port could
+// otherwise have any file the caller can read sent to it.
+bool IsArcKeyFilePath(const WCHAR *pszPath)
 {
-    FILE *pFile = nullptr;
-    if (_wfopen_s(&pFile, pszPath, L"rt") != 0 || !pFile) {
+    WCHAR szFolder[MAX_PATH] = {};
+    const DWORD cchData = GetEnvironmentVariableW(L"ProgramData", szFolder, MAX_PATH);
+    if (cchData == 0 || cchData >= MAX_PATH)
+        return false;
+    if (szFolder[cchData - 1] == L'\\')
+        szFolder[cchData - 1] = 0;
+    if (wcscat_s(szFolder, kArcTokenFolder) != 0)
+        return false;
+    const size_t cchFolder = wcslen(szFolder);
+    if (_wcsnicmp(pszPath, szFolder, cchFolder) != 0)
+        return false;
+    const WCHAR *pszName = pszPath + cchFolder;
+    const size_t cchName = wcslen(pszName);
+    const size_t cchExtension = ARRAYSIZE(kArcKeyFileExtension) - 1;
+    if (cchName <= cchExtension || _wcsicmp(pszName + cchName - cchExtension, kArcKeyFileExtension) != 0)
+        return false;
+    for (const WCHAR *p = pszName; *p; ++p)
+        if (*p < 0x20 || wcschr(L"\\/:*?\"<>|", *p))
+            return false; // a file directly inside the folder, no stream or device
+    return true;
+}
+
+// Reads the key file (at most kArcSecretBytes) into szSecret. The secret goes into a header
+// line, so it must be printable ASCII; a final line break is dropped.
+int ReadArcSecret(const WCHAR *pszPath, char (&szSecret)[kArcSecretBytes + 1])
+{
+    HANDLE hFile =
+        CreateFileW(pszPath, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (hFile == INVALID_HANDLE_VALUE) {
         LogMsg2(L"KVCAuthenticate MSIAuthenticate failure - Could not open secret file", pszPath, KSP_LOG_FAILURE);
         return 0;
     }
+    LARGE_INTEGER size = {};
+    DWORD cbRead = 0;
+    const bool fSmall = GetFileSizeEx(hFile, &size) && size.QuadPart <= kArcSecretBytes;
+    // One byte more than allowed is asked for, so that a file that grew is still caught.
+    const bool fRead = fSmall && ReadFile(hFile, szSecret, kArcSecretBytes + 1, &cbRead, nullptr);
+    CloseHandle(hFile);
+    if (!fRead || cbRead > kArcSecretBytes) {
+        SecureZeroMemory(szSecret, sizeof(szSecret));
+        LogMsg2(L"KVCAuthenticate MSIAuthenticate failure - Arc key file too large or unreadable", pszPath,
+                KSP_LOG_FAILURE);
+        return 0;
+    }
+    szSecret[cbRead] = 0;
+    while (cbRead > 0 && (szSecret[cbRead - 1] == '\n' || szSecret[cbRead - 1] == '\r'))
+        szSecret[--cbRead] = 0;
+    if (cbRead == 0 || !IsHeaderWord(szSecret)) {
+        SecureZeroMemory(szSecret, sizeof(szSecret));
+        LogMsg2(L"KVCAuthenticate MSIAuthenticate failure - Arc key file holds no usable secret", pszPath,
+                KSP_LOG_FAILURE);
+        return 0;
+    }
+    return 1;
+}
+
+// Reads the key file and appends "Authorization: Basic <contents>" to the request headers.
+int AnswerArcChallenge(const WCHAR *pszPath, WCHAR *pszHeaders, size_t cchHeaders)
+{
+    if (!IsArcKeyFilePath(pszPath)) {
+        LogMsgExcerptW(L"KVCAuthenticate MSIAuthenticate failure - Arc realm is not a key file of the agent", pszPath,
+                       KSP_LOG_FAILURE);
+        return 0;
+    }
     char secret[kArcSecretBytes + 1] = {};
-    size_t cbSecret = fread(secret, 1, kArcSecretBytes, pFile);
-    fclose(pFile);
+    if (!ReadArcSecret(pszPath, secret))
+        return 0;
     WCHAR szSecret[kArcSecretBytes + 1] = {};
-    if (cbSecret > 0)
-        MultiByteToWideChar(CP_ACP, 0, secret, static_cast<int>(cbSecret), szSecret, kArcSecretBytes);
+    MultiByteToWideChar(CP_ACP, 0, secret, -1, szSecret, ARRAYSIZE(szSecret));
     wcscat_s(pszHeaders, cchHeaders, L"Authorization: Basic ");
     wcscat_s(pszHeaders, cchHeaders, szSecret);
     wcscat_s(pszHeaders, cchHeaders, L"\r\n");
@@ -263,8 +356,9 @@ void LogReturnCode(const KVC_WEB_RESPONSE *resp, const WCHAR *pszHost)
 {
     LogMsgNum(L"KVCAuthenticate MSIAuthenticate failure - Return Code", pszHost, static_cast<int>(resp->status),
               KSP_LOG_FAILURE);
+    // An excerpt only: the answer may carry a token, and it came over plain HTTP.
     if (resp->body && resp->body[0] && resp->headers)
-        LogMsgAscii(L"KVCAuthenticate MSIAuthenticate failure - Return String", resp->body);
+        LogMsgExcerpt(L"KVCAuthenticate MSIAuthenticate failure - Return String", resp->body, KSP_LOG_FAILURE);
 }
 
 int ManagedIdentityToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken, __time64_t now)
@@ -342,42 +436,60 @@ int ManagedIdentityToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken
 
 // ---- A vault named after the identity ---------------------------------------------------------
 
-// "oidguid" becomes "x" and the object id without dashes, cut to 24 characters. Anything
-// missing on the way leaves the name as it was.
-void ResolveIdentityVault(KVC *kvc)
+// An object id as the directory writes it: a GUID, 8-4-4-4-12 hexadecimal digits. The id
+// becomes part of a host name, so nothing else is taken.
+bool IsGuid(const char *psz)
 {
-    if (!kvc->kvName || !kvc->kvName->cStr || wcscmp(kvc->kvName->cStr, kIdentityPlaceholder) != 0)
-        return;
-    LogMsg(L"KVCAuthenticate Found OIDGUID - Replace", KSP_LOG_STEP);
-    const WCHAR *pszToken = TextOf(kvc->accessToken);
+    for (int i = 0; i < 36; i++) {
+        const bool fDash = i == 8 || i == 13 || i == 18 || i == 23;
+        if (fDash ? psz[i] != '-' : !isxdigit(static_cast<unsigned char>(psz[i])))
+            return false;
+    }
+    return psz[36] == 0;
+}
+
+// The claims of a JSON Web Token (its second part), parsed; null when they cannot be read.
+KVCJsonDoc TokenClaims(const WCHAR *pszToken)
+{
     const WCHAR *pszPayload = pszToken ? wcschr(pszToken, L'.') : nullptr;
     if (!pszPayload)
-        return;
+        return nullptr;
     pszPayload++;
     const WCHAR *pszPayloadEnd = wcschr(pszPayload, L'.');
     size_t cchPayload = pszPayloadEnd ? static_cast<size_t>(pszPayloadEnd - pszPayload) : wcslen(pszPayload);
     WCHAR *pszPart = static_cast<WCHAR *>(calloc(cchPayload + 1, sizeof(WCHAR)));
     if (!pszPart)
-        return;
+        return nullptr;
     memcpy(pszPart, pszPayload, cchPayload * sizeof(WCHAR));
     BYTE *pbClaims = nullptr;
     DWORD cbClaims = 0;
-    if (KVCKKVKSP_FromBase64(pszPart, &pbClaims, &cbClaims, TRUE) && pbClaims) {
-        KVCJsonDoc claims = KVCJsonParse(reinterpret_cast<const char *>(pbClaims));
-        const char *pszOid = KVCJsonGetString(claims.get(), "oid");
-        BldStr *pstrName = pszOid ? BldStrNewStr(L"x") : nullptr;
-        if (pstrName && BldStrCatAscii(pstrName, pszOid)) {
-            BldStrRemove(pstrName, L'-');
-            if (pstrName->length > kVaultNameChars) {
-                pstrName->cStr[kVaultNameChars] = 0;
-                pstrName->length = kVaultNameChars;
-                BldStrReplace(kvc->kvName, pstrName->cStr);
-            }
-        }
-        BldStrFree(pstrName);
-    }
+    KVCJsonDoc claims;
+    if (KVCKKVKSP_FromBase64(pszPart, &pbClaims, &cbClaims, TRUE) && pbClaims)
+        claims = KVCJsonParse(reinterpret_cast<const char *>(pbClaims));
     free(pbClaims);
     KVCWipeFreeText(pszPart);
+    return claims;
+}
+
+// "oidguid" becomes "x" and the object id without dashes, cut to 24 characters. The name is
+// worked out before the token is handed to the client: a token without a usable object id
+// fails the sign-in rather than be sent to a vault literally named "oidguid".
+int IdentityVaultName(FRESH_TOKEN *pToken)
+{
+    LogMsg(L"KVCAuthenticate Found OIDGUID - Replace", KSP_LOG_STEP);
+    KVCJsonDoc claims = TokenClaims(TextOf(pToken->accessToken));
+    const char *pszOid = KVCJsonGetString(claims.get(), "oid");
+    if (!pszOid || !IsGuid(pszOid)) {
+        LogMsg(L"KVCAuthenticate Found OIDGUID - the token's oid is not a GUID", KSP_LOG_FAILURE);
+        return 0;
+    }
+    DWORD cch = 0;
+    pToken->szVaultName[cch++] = L'x';
+    for (const char *p = pszOid; *p && cch < kVaultNameChars; ++p)
+        if (*p != '-')
+            pToken->szVaultName[cch++] = static_cast<WCHAR>(*p);
+    pToken->szVaultName[cch] = 0;
+    return 1;
 }
 
 } // namespace
@@ -408,19 +520,22 @@ WCHAR *KVCArcRealmPath(const WCHAR *pszHeaders)
 namespace {
 
 // Asks for a token with no lock held: the request may take minutes (an Arc agent starting up).
-int FetchToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken, __time64_t now)
+// fIdentityVault: the vault is to be named after the token's identity.
+int FetchToken(KVC *kvc, const WCHAR *pszResource, bool fIdentityVault, FRESH_TOKEN *pToken, __time64_t now)
 {
     int got = 0;
     if (kvc->authn & kAuthnClientSecret)
         got = ClientSecretToken(kvc, pszResource, pToken, now);
     if (!got && (kvc->authn & kAuthnManagedIdentity))
         got = ManagedIdentityToken(kvc, pszResource, pToken, now);
+    if (got && fIdentityVault)
+        got = IdentityVaultName(pToken);
     return got;
 }
 
 // Hands a fresh token to the client. Called with the lock held exclusively; the old texts are
 // wiped as they go, and no request still uses them (requests copy the token under the lock).
-void InstallToken(KVC *kvc, FRESH_TOKEN *pToken, __time64_t now, const WCHAR *pszResource)
+void InstallToken(KVC *kvc, FRESH_TOKEN *pToken, __time64_t now)
 {
     BldStrFree(kvc->tokenType);
     BldStrFree(kvc->accessToken);
@@ -428,9 +543,9 @@ void InstallToken(KVC *kvc, FRESH_TOKEN *pToken, __time64_t now, const WCHAR *ps
     kvc->accessToken = pToken->accessToken;
     kvc->tokenExpiry = now + pToken->lifetime;
     kvc->tokenGeneration++;
+    if (pToken->szVaultName[0] && kvc->kvName)
+        BldStrReplace(kvc->kvName, pToken->szVaultName);
     *pToken = {};
-    if (!pszResource)
-        ResolveIdentityVault(kvc);
 }
 
 void LogVaultName(const WCHAR *pszMessage, KVC *kvc, int level)
@@ -470,14 +585,16 @@ int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource)
         return fHeld ? 1 : 0;
     }
     kvc->fRenewing = 1;
+    const bool fIdentityVault =
+        !pszResource && kvc->kvName && kvc->kvName->cStr && wcscmp(kvc->kvName->cStr, kIdentityPlaceholder) == 0;
     ReleaseSRWLockExclusive(&kvc->tokenLock);
 
     FRESH_TOKEN fresh = {};
-    const int got = FetchToken(kvc, pszResource, &fresh, now);
+    const int got = FetchToken(kvc, pszResource, fIdentityVault, &fresh, now);
 
     AcquireSRWLockExclusive(&kvc->tokenLock);
     if (got)
-        InstallToken(kvc, &fresh, now, pszResource);
+        InstallToken(kvc, &fresh, now);
     kvc->fRenewing = 0;
     kvc->renewals++;
     ReleaseSRWLockExclusive(&kvc->tokenLock);

@@ -113,7 +113,8 @@ void KVCWipeFreeBytes(char *psz);
 // secret (authn bit 2) and/or managed identity (bit 1). 1 when a token is held. When several
 // threads find the token used up, one asks and the others wait for its answer. pszResource
 // replaces the vault audience when given (no caller does). A vault named "oidguid" becomes "x"
-// and the first 23 hexadecimal digits of the identity's object id.
+// and the first 23 hexadecimal digits of the identity's object id; a token whose object id is
+// not a GUID, or a token a header line cannot carry as it stands, fails the sign-in.
 int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource);
 // Forgets the token a request carried (its generation) after the vault refused it with 401, so
 // the next KVCAuthenticate signs in again. A token already replaced is left alone.

@@ -8,13 +8,18 @@
 
 #include "support/bldstr.h"
 
+// Zeroes the text of every string in the tree, then releases it with json_object_put. Answers
+// carry tokens, plaintext and private-key members, and json-c frees its copies without wiping.
+void KVCJsonWipePut(json_object *obj);
+
 struct KVCJsonPut {
-    void operator()(json_object *p) const { json_object_put(p); }
+    void operator()(json_object *p) const { KVCJsonWipePut(p); }
 };
-// Owns a parsed document; releases it with json_object_put.
+// Owns a parsed document; its strings are wiped when it is released.
 using KVCJsonDoc = std::unique_ptr<json_object, KVCJsonPut>;
 
-// Null for null text or text that is not JSON.
+// Null for null text or text that is not JSON. The parser's own buffer is made as large as the
+// text at the start (so it is never moved, leaving a copy behind) and wiped before it is freed.
 KVCJsonDoc KVCJsonParse(const char *pszText);
 
 // The member, only when it has the given type; null otherwise (and for a null object).

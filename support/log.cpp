@@ -147,9 +147,43 @@ FILE *LogOpenFile(void)
     return pFile;
 }
 
-void LogMsg(const WCHAR *pszMessage, int level)
+namespace {
+
+bool IsControl(unsigned ch) { return ch < 0x20 || ch == 0x7F; }
+
+// Appends to a bounded output, always terminated.
+struct LINE_OUT {
+    WCHAR *psz;
+    size_t cch;
+    size_t pos;
+    void Put(const WCHAR *pszText)
+    {
+        while (*pszText && pos + 1 < cch)
+            psz[pos++] = *pszText++;
+        psz[pos] = 0;
+    }
+};
+
+// One character as it may stand in a line: control characters and, for text from outside,
+// non-ASCII ones as escapes.
+void PutEscaped(LINE_OUT *pOut, unsigned ch, bool fEscapeNonAscii, bool fNarrow)
 {
-    pszMessage = OrNull(pszMessage);
+    WCHAR sz[8] = {static_cast<WCHAR>(ch), 0};
+    if (ch == L'\r')
+        wcscpy_s(sz, L"\\r");
+    else if (ch == L'\n')
+        wcscpy_s(sz, L"\\n");
+    else if (ch == L'\t')
+        wcscpy_s(sz, L"\\t");
+    else if (IsControl(ch) || (fEscapeNonAscii && ch > 0x7F && fNarrow))
+        swprintf(sz, ARRAYSIZE(sz), L"\\x%02X", ch);
+    else if (fEscapeNonAscii && ch > 0x7F)
+        swprintf(sz, ARRAYSIZE(sz), L"\\u%04X", ch);
+    pOut->Put(sz);
+}
+
+void WriteLine(const WCHAR *pszMessage, int level)
+{
     if (level <= g_LogLevel)
         AppendToLogFile(pszMessage, level);
     if (level <= g_EventLogLevel) {
@@ -158,6 +192,35 @@ void LogMsg(const WCHAR *pszMessage, int level)
                                                                                      : EVENTLOG_SUCCESS;
         g_EventLogSeam.pfnReport(wType, pszMessage);
     }
+}
+
+// A message holding control characters is written with them escaped: CR LF from a key name or
+// an answer would otherwise forge a line of its own. Apart so that only such lines pay for the
+// copy on the stack.
+__declspec(noinline) void WriteEscapedLine(const WCHAR *pszMessage, int level)
+{
+    WCHAR szLine[kLineChars];
+    LINE_OUT out = {szLine, kLineChars, 0};
+    szLine[0] = 0;
+    for (const WCHAR *p = pszMessage; *p; ++p)
+        PutEscaped(&out, *p, false, false);
+    WriteLine(szLine, level);
+}
+
+} // namespace
+
+void LogMsg(const WCHAR *pszMessage, int level)
+{
+    pszMessage = OrNull(pszMessage);
+    if (level > g_LogLevel && level > g_EventLogLevel)
+        return;
+    for (const WCHAR *p = pszMessage; *p; ++p) {
+        if (IsControl(*p)) {
+            WriteEscapedLine(pszMessage, level);
+            return;
+        }
+    }
+    WriteLine(pszMessage, level);
 }
 
 // The wrappers format on the stack (about 20 KB) so that logging never depends on the heap.
@@ -219,4 +282,132 @@ void LogMsgAscii(const WCHAR *pszMessage, const char *pszText)
         szLine[pos] = 0;
     }
     LogMsg(szLine, KSP_LOG_FAILURE);
+}
+
+// ---- Excerpts of text from outside ------------------------------------------------------------
+
+namespace {
+
+// Member names whose values are bearer secrets.
+constexpr const char *kTokenMembers[] = {"access_token", "refresh_token", "id_token"};
+// A run of these this long is taken for a token even without a telling shape.
+constexpr size_t kTokenRunChars = 64;
+
+template <typename CH> unsigned Unit(CH ch)
+{
+    return sizeof(CH) == 1 ? static_cast<unsigned char>(ch) : static_cast<unsigned>(ch);
+}
+
+bool IsAlnum(unsigned ch) { return (ch >= '0' && ch <= '9') || ((ch | 0x20) >= 'a' && (ch | 0x20) <= 'z'); }
+// The alphabet of a JSON Web Token: base64url parts joined by dots.
+bool IsJwtChar(unsigned ch) { return IsAlnum(ch) || ch == '-' || ch == '_' || ch == '.'; }
+// The characters a bearer token may hold (token68).
+bool IsToken68Char(unsigned ch) { return IsJwtChar(ch) || ch == '~' || ch == '+' || ch == '/' || ch == '='; }
+bool IsSeparator(unsigned ch) { return ch == '"' || ch == ':' || ch == '=' || ch == ' ' || ch == '\t'; }
+
+template <typename CH> bool StartsWith(const CH *p, const char *pszPrefix)
+{
+    for (; *pszPrefix; ++p, ++pszPrefix)
+        if (Unit(*p) != static_cast<unsigned char>(*pszPrefix))
+            return false;
+    return true;
+}
+
+template <typename CH> size_t RunLength(const CH *p, bool (*pfnIn)(unsigned))
+{
+    size_t n = 0;
+    while (p[n] && pfnIn(Unit(p[n])))
+        n++;
+    return n;
+}
+
+// The length of a token that starts here: a JSON Web Token, or any long run of its alphabet.
+template <typename CH> size_t TokenAt(const CH *pszText, const CH *p)
+{
+    if (p > pszText && IsJwtChar(Unit(p[-1])))
+        return 0;
+    const size_t n = RunLength(p, IsJwtChar);
+    bool fDotted = false;
+    for (size_t i = 0; i < n && !fDotted; i++)
+        fDotted = p[i] == '.';
+    return n >= kTokenRunChars || (fDotted && StartsWith(p, "eyJ")) ? n : 0;
+}
+
+template <typename CH> size_t TextLength(const CH *p)
+{
+    size_t n = 0;
+    while (p[n])
+        n++;
+    return n;
+}
+
+template <typename CH> const WCHAR *Excerpt(const CH *pszText, WCHAR *pszOut, size_t cchOut)
+{
+    if (!pszOut || cchOut == 0)
+        return pszOut;
+    LINE_OUT out = {pszOut, cchOut, 0};
+    pszOut[0] = 0;
+    if (!pszText) {
+        out.Put(L"(NULL)");
+        return pszOut;
+    }
+    const CH *p = pszText;
+    bool fAfterTokenName = false; // between "access_token" and its value
+    for (size_t shown = 0; *p && shown < KSP_LOG_EXCERPT_SOURCE_CHARS; shown++) {
+        if (fAfterTokenName && IsSeparator(Unit(*p))) {
+            PutEscaped(&out, Unit(*p++), true, sizeof(CH) == 1);
+            continue;
+        }
+        const size_t cchToken = fAfterTokenName ? RunLength(p, IsToken68Char) : TokenAt(pszText, p);
+        fAfterTokenName = false;
+        if (cchToken > 0) {
+            WCHAR sz[40];
+            swprintf(sz, ARRAYSIZE(sz), L"<%u characters>", static_cast<unsigned>(cchToken));
+            out.Put(sz);
+            p += cchToken;
+            continue;
+        }
+        for (const char *pszName : kTokenMembers) {
+            if ((p == pszText || !IsJwtChar(Unit(p[-1]))) && StartsWith(p, pszName)) {
+                for (; *pszName; ++pszName)
+                    PutEscaped(&out, Unit(*p++), true, sizeof(CH) == 1);
+                fAfterTokenName = true;
+                break;
+            }
+        }
+        if (!fAfterTokenName)
+            PutEscaped(&out, Unit(*p++), true, sizeof(CH) == 1);
+    }
+    if (*p) {
+        WCHAR sz[48];
+        swprintf(sz, ARRAYSIZE(sz), L"... (%u characters)",
+                 static_cast<unsigned>(static_cast<size_t>(p - pszText) + TextLength(p)));
+        out.Put(sz);
+    }
+    return pszOut;
+}
+
+} // namespace
+
+const WCHAR *LogExcerpt(const char *pszText, WCHAR *pszOut, size_t cchOut) { return Excerpt(pszText, pszOut, cchOut); }
+
+const WCHAR *LogExcerptW(const WCHAR *pszText, WCHAR *pszOut, size_t cchOut)
+{
+    return Excerpt(pszText, pszOut, cchOut);
+}
+
+void LogMsgExcerpt(const WCHAR *pszMessage, const char *pszText, int level)
+{
+    if (level > g_LogLevel)
+        return;
+    WCHAR szExcerpt[KSP_LOG_EXCERPT_CHARS];
+    LogMsg2(pszMessage, LogExcerpt(pszText, szExcerpt, ARRAYSIZE(szExcerpt)), level);
+}
+
+void LogMsgExcerptW(const WCHAR *pszMessage, const WCHAR *pszText, int level)
+{
+    if (level > g_LogLevel)
+        return;
+    WCHAR szExcerpt[KSP_LOG_EXCERPT_CHARS];
+    LogMsg2(pszMessage, LogExcerptW(pszText, szExcerpt, ARRAYSIZE(szExcerpt)), level);
 }

@@ -33,6 +33,19 @@ void LogMsg3(const WCHAR *pszMessage, const WCHAR *pszText1, const WCHAR *pszTex
 void LogMsgNum(const WCHAR *pszMessage, const WCHAR *pszText, int num, int level);           // "%s %s %d"
 void LogMsgTrace3(const WCHAR *pszMessage, const WCHAR *pszText);                             // level 10
 void LogMsgAscii(const WCHAR *pszMessage, const char *pszText);                               // level 1
+// "%s %s" with an excerpt (LogExcerpt) of text that came from outside: an answer or a header.
+void LogMsgExcerpt(const WCHAR *pszMessage, const char *pszText, int level);
+void LogMsgExcerptW(const WCHAR *pszMessage, const WCHAR *pszText, int level);
+// Text from outside made fit for a log line: its first KSP_LOG_EXCERPT_SOURCE_CHARS characters,
+// control and non-ASCII characters escaped (\r, \n, \t, \xNN, \uNNNN) so that it cannot start
+// a line of its own, and anything shaped like a token (the value of an access_token,
+// refresh_token or id_token member, or a JSON Web Token) replaced by its length as
+// "<N characters>". A longer text ends in "... (N characters)". pszOut holds at least
+// KSP_LOG_EXCERPT_CHARS characters. Returns pszOut.
+#define KSP_LOG_EXCERPT_SOURCE_CHARS 300
+#define KSP_LOG_EXCERPT_CHARS 2048
+const WCHAR *LogExcerpt(const char *pszText, WCHAR *pszOut, size_t cchOut);
+const WCHAR *LogExcerptW(const WCHAR *pszText, WCHAR *pszOut, size_t cchOut);
 FILE *LogOpenFile(void); // today's file (UTC date) in LogfilePath, mode "a+"; null when it cannot be opened
 // Reads LogfilePath (module attach); closes the day's file (module detach).
 void LogConfigure(void);

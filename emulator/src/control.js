@@ -26,10 +26,19 @@ function isGuidish(v) {
   return typeof v === 'string' && v.length > 0;
 }
 
+// A token lifetime in seconds of its own, or null for the settings' one.
+function lifetimeOf(b) {
+  if (b.lifetime === undefined || b.lifetime === null) return null;
+  need(Number.isInteger(b.lifetime) && b.lifetime >= 0, 'lifetime must be a whole number of seconds');
+  return b.lifetime;
+}
+
 function addApp(store, b) {
   need(isGuidish(b.tenant) && isGuidish(b.clientId) && typeof b.secret === 'string',
     'tenant, clientId and secret are required');
-  const app = { tenant: b.tenant, clientId: b.clientId, secret: b.secret, oid: b.oid || guid() };
+  const app = {
+    tenant: b.tenant, clientId: b.clientId, secret: b.secret, oid: b.oid || guid(), lifetime: lifetimeOf(b),
+  };
   store.state.apps.set(app.clientId.toLowerCase(), app);
   return app;
 }
@@ -38,6 +47,7 @@ function setIdentity(store, b) {
   need(isGuidish(b.oid), 'oid is required');
   store.state.identity = {
     oid: b.oid, clientId: b.clientId || guid(), tenant: b.tenant || store.settings.defaultTenant,
+    lifetime: lifetimeOf(b),
   };
   return store.state.identity;
 }

@@ -44,7 +44,7 @@ function identityFor(store, params) {
 // The token answer: members in alphabetical order, every value a string.
 function tokenBody(store, id, resource) {
   const { token, claims } = jwt.issue(store, {
-    aud: resource, tid: id.tenant, oid: id.oid, appid: id.clientId,
+    aud: resource, tid: id.tenant, oid: id.oid, appid: id.clientId, lifetime: id.lifetime,
   });
   const t = jwt.lifetimeFields(store, claims);
   return {

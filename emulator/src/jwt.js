@@ -18,8 +18,10 @@ function sign(payload) {
   return `${input}.${b64url(sig)}`;
 }
 
-// who: {aud, tid, oid, appid}. Answers {token, claims}.
+// who: {aud, tid, oid, appid, lifetime?}; lifetime in seconds, else the settings' one.
+// Answers {token, claims}.
 function issue(store, who) {
+  const lifetime = Number.isInteger(who.lifetime) ? who.lifetime : store.settings.tokenLifetime;
   const now = nowSeconds();
   const iss = `https://sts.windows.net/${who.tid}/`;
   const claims = {
@@ -27,7 +29,7 @@ function issue(store, who) {
     iss,
     iat: now - SKEW,
     nbf: now - SKEW,
-    exp: now + store.settings.tokenLifetime,
+    exp: now + lifetime,
     aio: b64url(crypto.randomBytes(24)),
     appid: who.appid,
     appidacr: '1',
@@ -64,7 +66,7 @@ function lifetimeFields(store, claims) {
   const now = nowSeconds();
   return {
     expires_in: String(Math.max(0, claims.exp - now)),
-    ext_expires_in: String(store.settings.tokenLifetime),
+    ext_expires_in: String(claims.exp - claims.iat - SKEW),
     expires_on: String(claims.exp),
     not_before: String(claims.nbf),
   };

@@ -111,7 +111,7 @@ async function handle(req, res, { body }) {
   if (!app) return;
   const resource = form.get('resource');
   const { token, claims } = jwt.issue(this.store, {
-    aud: resource, tid: app.tenant, oid: app.oid, appid: app.clientId,
+    aud: resource, tid: app.tenant, oid: app.oid, appid: app.clientId, lifetime: app.lifetime,
   });
   const t = jwt.lifetimeFields(this.store, claims);
   send(res, 200, baseHeaders(req), {

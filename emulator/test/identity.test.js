@@ -83,3 +83,14 @@ test('Arc refuses a wrong secret with a fresh challenge, and needs Metadata', as
   assert.strictEqual(noHeader.status, 400);
   assert.strictEqual(noHeader.json.error_description, 'Required metadata header not specified');
 });
+
+test('an identity with a lifetime of its own gets tokens that live that long, from IMDS and Arc', async () => {
+  await ctl(em, 'PUT', '/identity', { oid: OID, lifetime: 20 });
+  const fromImds = await imds(IMDS_PATH, { Metadata: 'true' });
+  const first = await arc({ Metadata: 'true' });
+  const fromArc = await arc({ Metadata: 'true', Authorization: `Basic ${fs.readFileSync(realmFile(first), 'utf8')}` });
+  for (const r of [fromImds, fromArc]) {
+    assert.strictEqual(r.json.expires_in, '20');
+    assert.strictEqual(Number(r.json.expires_on) - decodeJwtPart(r.json.access_token, 1).nbf, 320);
+  }
+});

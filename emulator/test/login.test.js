@@ -107,3 +107,13 @@ test('the correlation id follows client-request-id and is echoed when asked', as
   assert.strictEqual(r.json.correlation_id, id);
   assert.strictEqual(r.headers['client-request-id'], `{${id}}`);
 });
+
+test('an app with a lifetime of its own gets tokens that live that long', async () => {
+  await ctl(em, 'POST', '/apps', { tenant: TENANT, clientId: 'short-lived', secret: 's', lifetime: 20 });
+  const r = await token(form('s').replace(CLIENT, 'short-lived'));
+  assert.deepStrictEqual([r.json.expires_in, r.json.ext_expires_in], ['20', '20']);
+  const claims = decodeJwtPart(r.json.access_token, 1);
+  assert.strictEqual(claims.exp - claims.nbf, 320);
+  const bad = await ctl(em, 'POST', '/apps', { tenant: TENANT, clientId: 'x', secret: 's', lifetime: -1 });
+  assert.strictEqual(bad.status, 400);
+});

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <stdlib.h>
 #include <time.h>
+#include <regex>
 #include <stdexcept>
 
 #include "support/log.h"
@@ -513,6 +514,12 @@ void VaultProviderTest::TearDown()
         freeProvider(h);
     open_.clear();
     dll_.reset();
+    static const std::regex kJwt("eyJ[A-Za-z0-9_-]+\\.[A-Za-z0-9_-]+");
+    for (const std::string &line : Log())
+        if (std::regex_search(line, kJwt) || line.find(kTestPin) != std::string::npos ||
+            line.find("harness-machine-secret") != std::string::npos ||
+            line.find("harness-user-secret") != std::string::npos)
+            ADD_FAILURE() << "a secret reached the log: " << line;
     KspSetEventLogSeam(nullptr);
     SetTimeZone("");
     if (EnvVar(L"KESTAL_SECOND_PROCESS").empty()) { // the first process reads what the second left

@@ -173,13 +173,17 @@ BcryptKey ImportPublicBlob(const std::vector<BYTE> &blob, NTSTATUS *status = nul
 std::vector<BYTE> ExportKeyBlob(const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp, NCRYPT_PROV_HANDLE provider,
                                 NCRYPT_KEY_HANDLE key, const wchar_t *blobType, SECURITY_STATUS *status = nullptr);
 
+// A smart-card PIN for tests to set: no log may ever hold it.
+inline constexpr char kTestPin[] = "4711-Pin-Never-Logged";
+
 // ---- A provider opened against the emulated vault -----------------------------------------
 // Each test starts with the emulator reset, both settings hives empty, logging at level 10 into
 // a fresh folder (for the DLL and the core alike), the core's event log recorded in g_events
 // and fake time for the core. UseVault points a scope at a vault with a client secret the
 // emulator knows; OpenProvider opens a provider through the loaded DLL's function table, or
 // through the core linked into the test, where FakeTime sees every wait. Providers are freed,
-// and the DLL unloaded, at the end of the test. A test that runs itself again in a second
+// and the DLL unloaded, at the end of the test, and then its log is swept: no line may hold a token,
+// kTestPin or a harness client secret. A test that runs itself again in a second
 // process sets KESTAL_SECOND_PROCESS there: that process keeps the settings the first one left.
 class VaultProviderTest : public ::testing::Test {
 protected:

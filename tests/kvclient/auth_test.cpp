@@ -125,7 +125,8 @@ TEST_F(Auth, ArcChallengeWithoutAUsableRealmOrReadableKeyFileFails)
     for (int i = 0; i < 241; i++)
         answers += R"({"status":401,"headers":{"WWW-Authenticate":"Basic"}},)";
     ScriptAnswers(emulator, "arc",
-                  "[" + answers + R"({"status":401,"headers":{"WWW-Authenticate":"Basic realm=C:\\no\\x.key"}}])");
+                  "[" + answers + R"({"status":401,"headers":{"WWW-Authenticate":)" +
+                      R"("Basic realm=C:\\ProgramData\\AzureConnectedMachineAgent\\Tokens\\no.key"}}])");
     EXPECT_EQ(KVCAuthenticate(NewClient(1).get(), nullptr), 0);
     EXPECT_EQ(Count(L"arc"), 241u);
     EXPECT_EQ(time.waits, std::vector<DWORD>(240, 1000));
@@ -133,7 +134,10 @@ TEST_F(Auth, ArcChallengeWithoutAUsableRealmOrReadableKeyFileFails)
     EXPECT_EQ(KVCAuthenticate(NewClient(1).get(), nullptr), 0); // a realm naming a file that does not exist
     EXPECT_EQ(Count(L"arc"), 242u);
     EXPECT_EQ(time.waits.size(), 240u);
-    EXPECT_EQ(Log("KVCAuthenticate MSIAuthenticate failure - Could not open secret file C:\\no\\x.key 1").size(), 1u);
+    EXPECT_EQ(Log("KVCAuthenticate MSIAuthenticate failure - Could not open secret file "
+                  "C:\\ProgramData\\AzureConnectedMachineAgent\\Tokens\\no.key 1")
+                  .size(),
+              1u);
 
     // Raw headers end every line in CR LF, so a realm without one is only seen here.
     const std::pair<const wchar_t *, const char *> cases[] = {
@@ -146,22 +150,23 @@ TEST_F(Auth, ArcChallengeWithoutAUsableRealmOrReadableKeyFileFails)
     }
 }
 
-// The client names its vault when it authenticates: "KVCAuthenticate <vault> 8".
-TEST_F(Auth, VaultPlaceholderTakesTheNameOfTheTokensObjectId)
+TEST_F(Auth, VaultPlaceholderTakesTheNameOfTheTokensObjectIdAndWithoutOneSignInFails)
 {
     const char kOidClaims[] = "eyJvaWQiOiIwYjVmMmQ0My05YzFlLTRkN2EtOGYzNi0yYTRlNmI4YzBkMTUifQ"; // an oid
-    const std::tuple<const wchar_t *, const char *, const char *> cases[] = {
-        {L"%G", kOidClaims, "x0b5f2d439c1e4d7a8f362a4"},
-        {L"%G", "eyJzdWIiOiJubyBvaWQifQ", "oidguid"},                         // {"sub":"no oid"}
-        {L"%G", "eyJvaWQiOjQyfQ", "oidguid"},                                 // {"oid":42}
-        {L"%G", "eyJvaWQiOiIwMTIzNDU2Nzg5YWJjZGVmLTAxMjM0NTYifQ", "oidguid"}, // 24 characters with the x
-        {L"kv-%G", kOidClaims, "kv-oidguid"}};
-    for (const auto &[pattern, claims, vault] : cases) {
+    const std::tuple<const wchar_t *, const char *, const char *, int> cases[] = {
+        {L"%G", kOidClaims, "x0b5f2d439c1e4d7a8f362a4", 1},
+        {L"%G", "eyJzdWIiOiJubyBvaWQifQ", "oidguid", 0},                         // {"sub":"no oid"}
+        {L"%G", "eyJvaWQiOjQyfQ", "oidguid", 0},                                 // {"oid":42}
+        {L"%G", "eyJvaWQiOiIwMTIzNDU2Nzg5YWJjZGVmLTAxMjM0NTYifQ", "oidguid", 0}, // not a GUID
+        {L"kv-%G", kOidClaims, "kv-oidguid", 1}};
+    for (const auto &[pattern, claims, vault, ok] : cases) {
         std::string token = std::string("eyJ0eXAiOiJKV1QifQ.") + claims + ".c2ln";
         ScriptAnswers(emulator, "imds",
                       R"([{"status":200,"body":{"token_type":"Bearer","access_token":")" + token + "\"}}]");
         KvcOwner kvc = NewClient(1, L"", pattern);
-        EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), 1);
+        EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), ok) << claims;
+        if (!ok)
+            continue;
         size_t before = Log("KVCAuthenticate " + std::string(vault) + " 8").size();
         EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), 1);
         EXPECT_EQ(Log("KVCAuthenticate " + std::string(vault) + " 8").size(), before + 1) << claims;
