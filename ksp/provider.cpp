@@ -42,7 +42,7 @@ struct RegKey {
 
 bool OpenSettings(HKEY hive, REGSAM access, RegKey *key)
 {
-    return RegOpenKeyExW(hive, KSP_SETTINGS_KEY, 0, access, &key->h) == ERROR_SUCCESS;
+    return RegOpenKeyExW(hive, KSP_SETTINGS_KEY, 0, access | KSP_SETTINGS_VIEW, &key->h) == ERROR_SUCCESS;
 }
 
 // Reads a REG_SZ into a zeroed buffer of cbBuffer bytes. A missing value, another type, or a
@@ -258,7 +258,8 @@ BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *p
     if (!pszValueName || !pszValue)
         return FALSE;
     RegKey key;
-    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE, &key.h);
+    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0,
+                               KEY_SET_VALUE | KSP_SETTINGS_VIEW, &key.h);
     if (rc != ERROR_SUCCESS) {
         LogMsgError(L"KestalRegSetString RegOpenKeyExW Failed", static_cast<DWORD>(rc), KSP_LOG_WARNING);
         return FALSE;

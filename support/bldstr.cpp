@@ -209,8 +209,8 @@ BldStr *BldStrGetWStringValue(BOOL fMachine)
     HKEY hive = fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
     DWORD type = 0;
     DWORD cbValue = 0;
-    if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND, &type, nullptr, &cbValue) !=
-            ERROR_SUCCESS ||
+    if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND | KSP_SETTINGS_RRF_VIEW, &type,
+                     nullptr, &cbValue) != ERROR_SUCCESS ||
         type != REG_SZ)
         cbValue = 0;
 
@@ -222,8 +222,8 @@ BldStr *BldStrGetWStringValue(BOOL fMachine)
     }
     if (cbValue > 0) {
         DWORD cbRead = pstr->capacity - 2; // the last character stays 0
-        if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND, &type, pstr->cStr,
-                         &cbRead) != ERROR_SUCCESS ||
+        if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND | KSP_SETTINGS_RRF_VIEW, &type,
+                         pstr->cStr, &cbRead) != ERROR_SUCCESS ||
             type != REG_SZ)
             memset(pstr->cStr, 0, pstr->capacity);
     }
