@@ -32,16 +32,17 @@ protected:
             if (value || !GetSetting(HKEY_LOCAL_MACHINE, name).empty())
                 SetSetting(HKEY_LOCAL_MACHINE, name, value ? value : L"");
     }
+    // Opens the key and signs a hash with it: the status of the first step that failed.
     SECURITY_STATUS OpenAndSign(NCRYPT_PROV_HANDLE p, const wchar_t *name)
     {
         NCRYPT_KEY_HANDLE h = 0;
+        BCRYPT_PKCS1_PADDING_INFO padding = {L"SHA256"};
+        BYTE hash[32] = {1}, signature[512];
+        DWORD cb = 0;
         SECURITY_STATUS status = Ksp().OpenKey(p, &h, name, 0, kMachine);
         if (status != 0)
             return status;
-        BCRYPT_PKCS1_PADDING_INFO padding = {L"SHA256"};
-        std::vector<BYTE> hash = HashOf(L"SHA256", "clouds"), signature(512);
-        DWORD cb = 0;
-        status = Ksp().SignHash(p, h, &padding, hash.data(), 32, signature.data(), 512, &cb, BCRYPT_PAD_PKCS1);
+        status = Ksp().SignHash(p, h, &padding, hash, 32, signature, 512, &cb, BCRYPT_PAD_PKCS1);
         Ksp().FreeKey(p, h);
         return status;
     }
@@ -76,16 +77,13 @@ TEST_F(Clouds, EachCloudSignsInWithItsAudienceAndCallsItsOwnVaultHost)
         {.authn = 1, .keyVault = L"https://KestalTest.managedhsm.usgovcloudapi.net:443/", .azureCloud = L"AzureChinaCloud",
          .tokenHost = "169.254.169.254", .resource = "https://managedhsm.usgovcloudapi.net",
          .vaultHost = "kestaltest.managedhsm.usgovcloudapi.net", .apiVersion = "7.4"},
-        {.keyVault = L"https://kestaltest.vault.azure.cn", .tokenHost = "login.chinacloudapi.cn",
-         .resource = "https://vault.azure.cn", .vaultHost = "kestaltest.vault.azure.cn"},
-        {.keyVault = L"https://kestaltest.vault.azure.cn/", .vaultType = L"ManagedHSM",
+        {.keyVault = L"https://kestaltest.vault.azure.cn", .vaultType = L"ManagedHSM",
          .tokenHost = "login.chinacloudapi.cn", .resource = "https://vault.azure.cn",
          .vaultHost = "kestaltest.vault.azure.cn"},
         // Settings it cannot honour: the scope has no client, and nothing is sent anywhere.
         {.azureCloud = L"AzureGermanCloud", .want = NTE_INVALID_PARAMETER},
         {.vaultType = L"PremiumVault", .want = NTE_INVALID_PARAMETER},
         {.keyVault = L"https://kestaltest.vault.azure.net:8443/", .want = NTE_INVALID_PARAMETER},
-        {.keyVault = L"https://kestaltest.vault.azure.net/keys", .want = NTE_INVALID_PARAMETER},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(std::to_string(&row - rows));
