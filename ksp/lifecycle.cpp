@@ -29,6 +29,10 @@ bool KnownAlgorithm(LPCWSTR pszAlgId) { return KVCAlgorithmByName(pszAlgId) != n
 // logged: the key is freed whatever happens here.
 void PublishCertificate(KSP_KEY *pKey)
 {
+    if (pKey->kvc && pKey->kvc->fManagedHsm) {
+        LogMsg(L"KestalKeyVaultKSPFreeKey Managed HSM has no certificates - publish skipped", KSP_LOG_STEP);
+        return;
+    }
     const BOOL fMachine = pKey->dwMachineKey != 0;
     BldStrPtr certSync(BldStrGetWStringValue(fMachine));
     if (!certSync)

@@ -30,7 +30,7 @@ DATA_BLOB EntropyBlob()
 
 bool OpenSettings(HKEY hive, REGSAM access, UniqueRegKey *key)
 {
-    return RegOpenKeyExW(hive, KSP_SETTINGS_KEY, 0, access, key->put()) == ERROR_SUCCESS;
+    return RegOpenKeyExW(hive, KSP_SETTINGS_KEY, 0, access | KSP_SETTINGS_VIEW, key->put()) == ERROR_SUCCESS;
 }
 
 // Reads a REG_SZ into a zeroed buffer of cbBuffer bytes. A missing value, another type, or a
@@ -81,6 +81,8 @@ struct ScopeSettings {
     DWORD dwDoDeletePurge;
     DWORD dwCertificatesOrKeys;
     DWORD dwExportableOption;
+    WCHAR szAzureCloud[kSettingBytes / sizeof(WCHAR)];
+    WCHAR szVaultType[kSettingBytes / sizeof(WCHAR)];
 };
 
 // Everything that held or could rebuild a secret, and the numbers, back to zero.
@@ -114,6 +116,8 @@ void ReadScopeSettings(HKEY hive, WCHAR *pszKeyVault, ScopeSettings *s)
     s->dwDoDeletePurge = ReadSettingDword(hive, L"DoDeletePurge");
     s->dwCertificatesOrKeys = ReadSettingDword(hive, L"CertificatesOrKeys");
     s->dwExportableOption = ReadSettingDword(hive, L"ExportableOption");
+    ReadSettingString(hive, L"AzureCloud", s->szAzureCloud, sizeof(s->szAzureCloud));
+    ReadSettingString(hive, L"VaultType", s->szVaultType, sizeof(s->szVaultType));
 }
 
 // Protects the whole secret buffer (text and zero fill) and replaces the DPAPI text with the
@@ -174,8 +178,15 @@ KVC *OpenScope(BOOL fMachine, WCHAR *pszKeyVault, ScopeSettings *s)
     }
 
     LogMsg3(L"KestalKeyVaultKSPOpenProvider", pszKeyVault, s->szClientId, KSP_LOG_STEP);
-    return KVCNew(pszKeyVault, s->dwAuthenticationType, s->szTenantId, s->szClientId, s->szClientSecret,
-                  s->szClientCertId, fMachine, !s->dwDoDeletePurge, !s->dwCertificatesOrKeys, s->dwExportableOption);
+    KVC *kvc = KVCNew(pszKeyVault, s->dwAuthenticationType, s->szTenantId, s->szClientId, s->szClientSecret,
+                      s->szClientCertId, fMachine, !s->dwDoDeletePurge, !s->dwCertificatesOrKeys, s->dwExportableOption);
+    // A cloud or kind it does not know leaves the scope without a client: its keys then fail,
+    // rather than the secret going to the public cloud's sign-in.
+    if (kvc && !KVCSetCloud(kvc, s->szAzureCloud, s->szVaultType)) {
+        KVCDelete(kvc);
+        kvc = nullptr;
+    }
+    return kvc;
 }
 
 

@@ -83,8 +83,8 @@ DWORD ReadLastSyncTime()
     DWORD dwValue = 0;
     DWORD cb = sizeof(dwValue);
     DWORD type = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, L"FromKVLastSyncTime", RRF_RT_ANY, &type, &dwValue,
-                     &cb) != ERROR_SUCCESS ||
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, L"FromKVLastSyncTime", RRF_RT_ANY | KSP_SETTINGS_RRF_VIEW,
+                     &type, &dwValue, &cb) != ERROR_SUCCESS ||
         type != REG_DWORD || cb != sizeof(dwValue))
         return 0;
     return dwValue;
@@ -99,7 +99,7 @@ std::atomic<DWORD> g_dwUnwrittenSyncTime{0};
 void WriteLastSyncTime(DWORD dwValue)
 {
     RegKeyClose key;
-    LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE, &key.h);
+    LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE | KSP_SETTINGS_VIEW, &key.h);
     if (rc == ERROR_SUCCESS)
         rc = RegSetValueExW(key.h, L"FromKVLastSyncTime", 0, REG_DWORD, reinterpret_cast<const BYTE *>(&dwValue),
                             sizeof(dwValue));

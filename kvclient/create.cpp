@@ -129,6 +129,12 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
         if (body && !KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer))
             LogMsgError(L"KVCLowLevelCreateKey REST Call Error", answer.status, KSP_LOG_FAILURE);
         const DWORD status = answer.status;
+        if (kvc->fManagedHsm && status != kHttpOk) {
+            // A Managed HSM holds HSM keys only: there a refusal, or throttling that outlasted
+            // the waits, is a failure and never a software key.
+            LogMsgError(L"KVCLowLevelCreateKey Managed HSM Key Failed", status, KSP_LOG_FAILURE);
+            return 0;
+        }
         if (status == kHttpTooManyRequests)
             break; // still throttled: no key was made
         if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {

@@ -92,7 +92,8 @@ int DeleteAndPurge(KVC *kvc, const WCHAR *pszEncodedName, const DELETE_KIND &kin
     if (!kvc->fPurge)
         return deleted;
 
-    WCHAR *pszPurgePath = KVCJoinText({kind.pszPurgePrefix, pszEncodedName, L"?api-version=7.0"});
+    WCHAR *pszPurgePath =
+        KVCJoinText({kind.pszPurgePrefix, pszEncodedName, L"?api-version=", KVCApiVersion(kvc, L"7.0")});
     if (!pszPurgePath)
         return deleted;
     int purged = DeleteUntilSettled(kvc, kind, pszEncodedName, pszPurgePath, &dwWaitMs);

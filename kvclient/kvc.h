@@ -13,6 +13,17 @@
 #include "support/log.h"
 #include "support/timeseam.h"
 
+// One Azure cloud: where it signs in, and the domain and token audience of its two kinds of
+// vault. A vault is "<name>.<domain>".
+struct KVC_CLOUD {
+    const WCHAR *pszName; // the AzureCloud setting's value
+    const WCHAR *pszLoginHost;
+    const WCHAR *pszVaultDomain;
+    const WCHAR *pszVaultAudience;
+    const WCHAR *pszHsmDomain;
+    const WCHAR *pszHsmAudience;
+};
+
 struct KVC {
     BldStr *tokenType;
     BldStr *accessToken;
@@ -29,6 +40,12 @@ struct KVC {
     DWORD fPurge;
     DWORD fCertMode;
     DWORD dwExportable;
+    // Where the vault is, fixed before the client is first used: the cloud's sign-in host,
+    // domains and audiences (static), whether the vault is a Managed HSM, and the whole host
+    // when KeyVault was a URL (null: the vault name on the cloud's domain).
+    const KVC_CLOUD *cloud;
+    DWORD fManagedHsm;
+    BldStr *vaultHost;
     // Many threads use one client at once. The lock guards the token, its expiry and generation,
     // and kvName (which sign-in may rewrite); it is never held across a request. One thread at a
     // time renews the token (fRenewing) while the others wait on tokenRenewed for its answer.
@@ -61,6 +78,26 @@ KVC *KVCNew(const WCHAR *pszKVNamePattern, DWORD authn, const WCHAR *pszTenantId
             DWORD dwExportable);
 int KVCGetLoginUrl(KVC *kvc);
 void KVCDelete(KVC *kvc);
+
+// ---- Clouds and kinds of vault ------------------------------------------------------------
+
+// A KeyVault setting of the form "https://<host>/" names the vault's host as it stands; on one
+// of the known domains the host also says which cloud and kind it is. KVCNew takes such a URL
+// in place of a name pattern (other ports and paths are refused: KVCNew yields none).
+//
+// Chooses the cloud by the AzureCloud setting ("AzurePublicCloud", "AzureChinaCloud",
+// "AzureUSGovernment") and the kind by VaultType ("KeyVault", "ManagedHSM"); null or empty
+// keeps the public cloud and a key vault, and a URL on a known domain overrides both. A Managed
+// HSM has no certificates: certificate mode is turned off (keys are plain keys, no certificate
+// sync), logged once per process. 0 (logged) for a value it does not know: the caller must not
+// use the client, rather than sign in somewhere the administrator did not mean.
+int KVCSetCloud(KVC *kvc, const WCHAR *pszAzureCloud, const WCHAR *pszVaultType);
+// The vault's host as a calloc'd text (the caller frees it). Reads the vault name: call it with
+// tokenLock held.
+WCHAR *KVCNewVaultHost(const KVC *kvc);
+// The api-version a vault call is made with. A Managed HSM serves 7.2 and later only: there
+// every call uses 7.4. Elsewhere pszWanted as given (null: the frame's default).
+const WCHAR *KVCApiVersion(const KVC *kvc, const WCHAR *pszWanted);
 
 // ---- Transport: one HTTP exchange over WinHTTP ------------------------------------------
 

@@ -10,8 +10,6 @@
 
 namespace {
 
-// The vault DNS suffix of the public Azure cloud.
-constexpr WCHAR kVaultDnsSuffix[] = L".vault.azure.net";
 constexpr WCHAR kDefaultApiVersion[] = L"2016-10-01";
 constexpr WORD kHttpsPort = 443;
 
@@ -32,12 +30,22 @@ bool TakeCredentials(KVC *kvc, REQUEST_CREDENTIALS *pCred)
     AcquireSRWLockShared(&kvc->tokenLock);
     const bool fHeld = kvc->tokenType && kvc->accessToken && kvc->tokenType->cStr && kvc->accessToken->cStr;
     if (fHeld) {
-        pCred->pszHost = KVCJoinText({kvc->kvName ? kvc->kvName->cStr : nullptr, kVaultDnsSuffix});
+        pCred->pszHost = KVCNewVaultHost(kvc);
         pCred->pszAuthorization = KVCJoinText({kvc->tokenType->cStr, L" ", kvc->accessToken->cStr});
         pCred->tokenGeneration = kvc->tokenGeneration;
     }
     ReleaseSRWLockShared(&kvc->tokenLock);
     return fHeld;
+}
+
+// Managed HSM has no certificates API: nothing goes to its certificate paths, whoever asks.
+bool ManagedHsmCertificateRequest(const KVC *kvc, const WCHAR *pszPath, DWORD dwCollection)
+{
+    if (!kvc->fManagedHsm)
+        return false;
+    if (!pszPath)
+        return dwCollection == KVC_COLLECTION_CERTIFICATES;
+    return _wcsnicmp(pszPath, L"/certificates", 13) == 0 || _wcsnicmp(pszPath, L"/deletedcertificates", 20) == 0;
 }
 
 } // namespace
@@ -63,7 +71,14 @@ int KVCDoKVRESTCall(KVC *kvc, KVC_ANSWER *pAnswer, const WCHAR *pszPath, DWORD d
         return 0;
     }
     pAnswer->tokenGeneration = cred.tokenGeneration;
+    if (ManagedHsmCertificateRequest(kvc, pszPath, dwCollection)) {
+        LogMsg(L"KVCDoKVRESTCall Managed HSM has no certificates", KSP_LOG_FAILURE);
+        KVCWipeFreeText(cred.pszAuthorization);
+        free(cred.pszHost);
+        return 0;
+    }
 
+    pszApiVersion = KVCApiVersion(kvc, pszApiVersion);
     if (!pszApiVersion) {
         LogMsg(L"KVCDoKVRESTCall API Version 2016-10-01", KSP_LOG_TRACE);
         pszApiVersion = kDefaultApiVersion;

@@ -210,8 +210,8 @@ BldStr *BldStrGetWStringValue(BOOL fMachine)
     HKEY hive = fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
     DWORD type = 0;
     DWORD cbValue = 0;
-    if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND, &type, nullptr, &cbValue) !=
-            ERROR_SUCCESS ||
+    if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND | KSP_SETTINGS_RRF_VIEW, &type,
+                     nullptr, &cbValue) != ERROR_SUCCESS ||
         type != REG_SZ)
         cbValue = 0;
 
@@ -223,8 +223,8 @@ BldStr *BldStrGetWStringValue(BOOL fMachine)
     }
     if (cbValue > 0) {
         DWORD cbRead = pstr->capacity - 2; // the last character stays 0
-        if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND, &type, pstr->cStr,
-                         &cbRead) != ERROR_SUCCESS ||
+        if (RegGetValueW(hive, KSP_SETTINGS_KEY, L"CertSync", RRF_RT_ANY | RRF_NOEXPAND | KSP_SETTINGS_RRF_VIEW, &type,
+                         pstr->cStr, &cbRead) != ERROR_SUCCESS ||
             type != REG_SZ)
             memset(pstr->cStr, 0, pstr->capacity);
     }
@@ -279,8 +279,8 @@ BOOL KestalRegSetString(BOOL fMachine, const WCHAR *pszValueName, const WCHAR *p
     if (!pszValueName || !pszValue)
         return FALSE;
     UniqueRegKey key;
-    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE,
-                               key.put());
+    LSTATUS rc = RegOpenKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0,
+                               KEY_SET_VALUE | KSP_SETTINGS_VIEW, key.put());
     if (rc != ERROR_SUCCESS) {
         LogMsgError(L"KestalRegSetString RegOpenKeyExW Failed", static_cast<DWORD>(rc), KSP_LOG_WARNING);
         return FALSE;

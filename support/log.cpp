@@ -116,8 +116,8 @@ void LogConfigure(void)
     WCHAR szDir[ARRAYSIZE(g_szLogDir)] = L"";
     DWORD cbDir = sizeof(szDir);
     DWORD type = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, L"LogfilePath", RRF_RT_ANY | RRF_NOEXPAND, &type, szDir,
-                     &cbDir) != ERROR_SUCCESS ||
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, L"LogfilePath",
+                     RRF_RT_ANY | RRF_NOEXPAND | KSP_SETTINGS_RRF_VIEW, &type, szDir, &cbDir) != ERROR_SUCCESS ||
         type != REG_SZ)
         szDir[0] = 0; // no folder: the root of the current drive
     AcquireSRWLockExclusive(&g_LogFileLock);

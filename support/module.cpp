@@ -26,8 +26,8 @@ int ReadLevelSetting(const WCHAR *pszName)
     DWORD dwValue = 0;
     DWORD cbValue = sizeof(dwValue);
     DWORD type = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, pszName, RRF_RT_ANY, &type, &dwValue, &cbValue) !=
-            ERROR_SUCCESS ||
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, pszName, RRF_RT_ANY | KSP_SETTINGS_RRF_VIEW, &type, &dwValue,
+                     &cbValue) != ERROR_SUCCESS ||
         type != REG_DWORD)
         return 0;
     return static_cast<int>(dwValue);
@@ -57,8 +57,9 @@ void KspModuleAttach(void)
 
     DWORD cbSource = 256; // bytes, as the value was always read
     DWORD type = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, L"EventLog", RRF_RT_ANY | RRF_NOEXPAND, &type,
-                     g_EventSourceName, &cbSource) != ERROR_SUCCESS ||
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, L"EventLog",
+                     RRF_RT_ANY | RRF_NOEXPAND | KSP_SETTINGS_RRF_VIEW, &type, g_EventSourceName,
+                     &cbSource) != ERROR_SUCCESS ||
         type != REG_SZ)
         g_EventSourceName[0] = 0;
     if (!g_EventSourceName[0])

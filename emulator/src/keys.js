@@ -76,7 +76,11 @@ function refuseKeyType(ctx, kty) {
     http.badParameter(ctx, `Invalid kty value: ${kty}`, 'KeyTypeNotSupported');
     return true;
   }
-  if (keystore.isHsm(kty) && ctx.vault.tier !== 'premium') {
+  if (ctx.hsm && !keystore.isHsm(kty)) {
+    http.badParameter(ctx, `Invalid kty value: ${kty}. Managed HSM holds HSM keys only.`, 'KeyTypeNotSupported');
+    return true;
+  }
+  if (keystore.isHsm(kty) && !ctx.hsm && ctx.vault.tier !== 'premium') {
     http.forbidden(ctx, HSM_REFUSAL);
     return true;
   }

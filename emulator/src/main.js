@@ -15,6 +15,7 @@ const vault = require('./vault');
 const imds = require('./imds');
 const arc = require('./arc');
 const tlsgen = require('./tlsgen');
+const { domainOf } = require('./vaulthttp');
 
 const FLAGS = {
   'https-host': 'httpsHost', 'https-port': 'httpsPort', 'tls-cert': 'tlsCert', 'tls-key': 'tlsKey',
@@ -24,8 +25,8 @@ const FLAGS = {
   'control-port': 'controlPort',
 };
 const PORTS = ['httpsPort', 'untrustedPort', 'imdsPort', 'arcPort', 'controlPort'];
-const LOGIN_HOSTS = ['login.microsoftonline.com', 'login.windows.net'];
-const VAULT_SUFFIX = '.vault.azure.net';
+const LOGIN_HOSTS = ['login.microsoftonline.com', 'login.windows.net', 'login.chinacloudapi.cn',
+  'login.microsoftonline.us'];
 
 function usage(message) {
   process.stderr.write(`emulator: ${message}\nflags: ${Object.keys(FLAGS).map((f) => `--${f}`).join(' ')}\n`);
@@ -56,9 +57,7 @@ function parseArgs(argv) {
 function classifyHttps(req) {
   const host = (req.headers.host || '').replace(/:\d+$/, '').toLowerCase();
   if (LOGIN_HOSTS.includes(host)) return { service: 'login' };
-  if (host.endsWith(VAULT_SUFFIX) && host.length > VAULT_SUFFIX.length) {
-    return { service: 'vault', vault: host.split('.')[0] };
-  }
+  if (domainOf(host)) return { service: 'vault', vault: host.split('.')[0] };
   return { service: 'unknown' };
 }
 

@@ -5,6 +5,27 @@ const { guid, header, send, nowSeconds } = require('./util');
 
 const VAULT_RESOURCE = 'https://vault.azure.net';
 
+// The vault domains of each cloud: the kind of vault served there, the audience its tokens
+// must carry, and the sign-in host its 401 challenge names (Key Vault's public challenge names
+// login.windows.net, as recorded; Managed HSM's login.microsoftonline.com, as recorded).
+const VAULT_DOMAINS = [
+  { suffix: '.vault.azure.net', kind: 'vault', audience: VAULT_RESOURCE, authority: 'login.windows.net' },
+  { suffix: '.vault.azure.cn', kind: 'vault', audience: 'https://vault.azure.cn', authority: 'login.chinacloudapi.cn' },
+  { suffix: '.vault.usgovcloudapi.net', kind: 'vault', audience: 'https://vault.usgovcloudapi.net',
+    authority: 'login.microsoftonline.us' },
+  { suffix: '.managedhsm.azure.net', kind: 'managedhsm', audience: 'https://managedhsm.azure.net',
+    authority: 'login.microsoftonline.com' },
+  { suffix: '.managedhsm.azure.cn', kind: 'managedhsm', audience: 'https://managedhsm.azure.cn',
+    authority: 'login.chinacloudapi.cn' },
+  { suffix: '.managedhsm.usgovcloudapi.net', kind: 'managedhsm', audience: 'https://managedhsm.usgovcloudapi.net',
+    authority: 'login.microsoftonline.us' },
+];
+
+// The domain entry of a vault host ("<name>.<domain>"), or null.
+function domainOf(host) {
+  return VAULT_DOMAINS.find((d) => host.endsWith(d.suffix) && host.length > d.suffix.length) || null;
+}
+
 function vaultHost(req) {
   return (req.headers.host || '').replace(/:\d+$/, '').toLowerCase();
 }
@@ -62,10 +83,11 @@ function deletedNotFound(ctx, kind, name) {
 
 function unauthorized(ctx, message) {
   const headers = {
-    'www-authenticate': `Bearer authorization="https://login.windows.net/${ctx.store.vaultTenant(ctx.vault)}", ` +
-      `resource="${VAULT_RESOURCE}"`,
+    'www-authenticate': `Bearer authorization="https://${ctx.domain.authority}/${ctx.store.vaultTenant(ctx.vault)}", ` +
+      `resource="${ctx.domain.audience}"`,
   };
-  answer(ctx, 401, kvError('Unauthorized', message), headers);
+  // Managed HSM sends its challenge with an empty body (recorded).
+  answer(ctx, 401, ctx.domain.kind === 'managedhsm' ? null : kvError('Unauthorized', message), headers);
 }
 
 // Answers the failure text for a bearer token the vault refuses, or null.
@@ -77,8 +99,8 @@ function tokenProblem(ctx, token) {
     return `AKV10046: Unable to resolve the key used for signature validation. EncodedJwtHeader: '${parts[0]}'.`;
   }
   if (claims.exp <= nowSeconds()) return 'AKV10013: Token has expired.';
-  if (claims.aud.replace(/\/$/, '') !== VAULT_RESOURCE) {
-    return `AKV10022: Invalid audience. Expected ${VAULT_RESOURCE}, found: ${claims.aud}.`;
+  if (claims.aud.replace(/\/$/, '') !== ctx.domain.audience) {
+    return `AKV10022: Invalid audience. Expected ${ctx.domain.audience}, found: ${claims.aud}.`;
   }
   if (ctx.vault.tenant && claims.tid.toLowerCase() !== ctx.vault.tenant.toLowerCase()) {
     return `AKV10032: Invalid issuer. Expected one of https://sts.windows.net/${ctx.vault.tenant}/, ` +
@@ -121,6 +143,6 @@ function readBinary(text) {
 }
 
 module.exports = {
-  VAULT_RESOURCE, vaultHost, baseHeaders, kvError, answer, badParameter, forbidden, conflict, notFound,
+  VAULT_RESOURCE, domainOf, vaultHost, baseHeaders, kvError, answer, badParameter, forbidden, conflict, notFound,
   deletedNotFound, authorized, jsonBody, readBinary,
 };

@@ -9,7 +9,9 @@ const os = require('os');
 const path = require('path');
 
 const MAIN = path.join(__dirname, '..', 'src', 'main.js');
-const SANS = 'DNS:login.microsoftonline.com,DNS:*.vault.azure.net,DNS:localhost,IP:127.0.0.1';
+const SANS = 'DNS:login.microsoftonline.com,DNS:*.vault.azure.net,DNS:localhost,IP:127.0.0.1,' +
+  'DNS:login.chinacloudapi.cn,DNS:login.microsoftonline.us,DNS:*.vault.azure.cn,DNS:*.vault.usgovcloudapi.net,' +
+  'DNS:*.managedhsm.azure.net,DNS:*.managedhsm.azure.cn,DNS:*.managedhsm.usgovcloudapi.net';
 const REALM_DIR = 'C:\\ProgramData\\AzureConnectedMachineAgent\\Tokens';
 
 function openssl(args, cwd) {
