@@ -31,13 +31,14 @@ constexpr KSPADM_COMMAND kCommands[] = {
      L"kestalksp unregister\n"
      L"  Removes this provider's registration; every other provider and their order stay as they\n"
      L"  are, and the settings are kept. Running it again changes nothing. Needs an elevated prompt.\n"},
-    {L"config", CmdConfig, kOptMachineUser, 1, 3,
-     L"kestalksp config show | get NAME | set NAME VALUE [--machine | --user]\n"
+    {L"config", CmdConfig, kOptMachineUser, 1, 41,
+     L"kestalksp config show | get NAME | set NAME VALUE [NAME VALUE ...] [--machine | --user]\n"
      L"  Shows or changes the settings under Software\\Kestal\\KestalKeyVaultKSP of\n"
      L"  HKEY_LOCAL_MACHINE (--machine, the default: machine keys and the module's own settings)\n"
      L"  or HKEY_CURRENT_USER (--user: the current user's keys). Values are checked for their\n"
-     L"  type and range; secrets are shown only as \"set (N characters)\". The client secret is\n"
-     L"  stored with kestalksp set-secret, never with config set.\n"},
+     L"  type and range, all of them before any is written; secrets are shown only as\n"
+     L"  \"set (N characters)\". The client secret is stored with kestalksp set-secret.\n"
+     L"  Example: kestalksp config set KeyVault myvault AuthenticationType 1\n"},
     {L"set-secret", CmdSetSecret, kOptMachineUser, 0, 0,
      L"kestalksp set-secret [--machine | --user]\n"
      L"  Reads the application's client secret from standard input (not shown on screen) and\n"

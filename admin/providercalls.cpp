@@ -309,8 +309,8 @@ int CmdKeys(const KSPADM_ARGS *pArgs)
     if (status != NTE_NO_MORE_ITEMS)
         return ExplainStatus(L"Listing the keys", status, pArgs->fMachine);
 
-    Out(L"Keys of the %ls scope (vault %ls):\n", ScopeName(pArgs->fMachine),
-        ReadStringSetting(pArgs->fMachine, L"KeyVault").c_str());
+    std::wstring vault = ReadStringSetting(pArgs->fMachine, L"KeyVault");
+    Out(L"Keys of the %ls scope (KeyVault %ls):\n", ScopeName(pArgs->fMachine), vault.empty() ? L"%G" : vault.c_str());
     Out(L"  %-42ls %-12ls %ls\n", L"NAME", L"ALGORITHM", L"BITS");
     for (const std::wstring &name : names) {
         KeyHandle key(&provider);
@@ -425,7 +425,7 @@ int CmdSync(const KSPADM_ARGS *)
         Err(L"The sync did not run (no FromKVLastSyncTime was recorded). Today's log tells more.\n");
         return KSPADM_FAILED;
     }
-    Out(L"Certificate sync ran (vault %ls):\n", ReadStringSetting(TRUE, L"KeyVault").c_str());
+    Out(L"Certificate sync ran:\n");
     unsigned cAdded = PrintAddedCertificates(before);
     if (cAdded == 0)
         Out(L"  nothing added: every vault certificate is already recorded in CertSync, or the vault has none\n"

@@ -221,26 +221,36 @@ int ReportWriteFailure(LSTATUS rc, BOOL fMachine)
     return KSPADM_FAILED;
 }
 
-int ConfigSet(BOOL fMachine, const std::wstring &name, const std::wstring &text)
+// Sets NAME VALUE pairs (words from index 1): every pair is checked before any is written, so
+// a mistake anywhere leaves the registry as it was.
+int ConfigSet(BOOL fMachine, const std::vector<std::wstring> &words)
 {
-    const KSPADM_SETTING *pSetting = FindSetting(name);
-    DWORD dw = 0;
-    if (!pSetting || !CheckValue(pSetting, fMachine, text, &dw))
-        return KSPADM_USAGE;
+    std::vector<const KSPADM_SETTING *> settings;
+    std::vector<DWORD> numbers;
+    for (size_t i = 1; i + 1 < words.size(); i += 2) {
+        const KSPADM_SETTING *pSetting = FindSetting(words[i]);
+        DWORD dw = 0;
+        if (!pSetting || !CheckValue(pSetting, fMachine, words[i + 1], &dw))
+            return KSPADM_USAGE;
+        settings.push_back(pSetting);
+        numbers.push_back(dw);
+    }
     RegKeyOwner key;
     LSTATUS rc = OpenSettingsForWrite(fMachine, &key);
-    if (rc == ERROR_SUCCESS)
-        rc = pSetting->dwType == REG_DWORD
-                 ? RegSetValueExW(key.h, pSetting->pszName, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&dw), sizeof(dw))
-                 : WriteString(key.h, pSetting->pszName, text.c_str());
+    for (size_t i = 0; rc == ERROR_SUCCESS && i < settings.size(); ++i) {
+        const KSPADM_SETTING *pSetting = settings[i];
+        rc = pSetting->dwType == REG_DWORD ? RegSetValueExW(key.h, pSetting->pszName, 0, REG_DWORD,
+                                                            reinterpret_cast<const BYTE *>(&numbers[i]), sizeof(DWORD))
+                                           : WriteString(key.h, pSetting->pszName, words[2 * i + 2].c_str());
+        if (rc == ERROR_SUCCESS)
+            Out(L"%ls = %ls (%ls)\n", pSetting->pszName, Shown(pSetting, fMachine).c_str(), HiveName(fMachine));
+    }
     if (rc != ERROR_SUCCESS)
         return ReportWriteFailure(rc, fMachine);
-    Out(L"%ls = %ls (%ls)\n", pSetting->pszName, Shown(pSetting, fMachine).c_str(), HiveName(fMachine));
-    if (pSetting->dwScopes == kMachine)
-        Out(L"Programs read this when they load the provider: restart the services that use it.\n");
-    else
-        Out(L"Programs read this each time they open the provider. Check with: kestalksp status --probe%ls\n",
-            fMachine ? L"" : L" --user");
+    bool fModule = std::any_of(settings.begin(), settings.end(), [](const KSPADM_SETTING *p) { return p->dwScopes == kMachine; });
+    Out(fModule ? L"Logging settings are read when a program loads the provider: restart the programs that use it.\n"
+                : L"Programs read these settings each time they open the provider.\n");
+    Out(L"Next: kestalksp status --probe%ls\n", fMachine ? L"" : L" --user");
     return KSPADM_OK;
 }
 
@@ -360,9 +370,9 @@ int CmdConfig(const KSPADM_ARGS *pArgs)
         Out(L"%ls\n", Shown(pSetting, pArgs->fMachine).c_str());
         return KSPADM_OK;
     }
-    if (_wcsicmp(verb.c_str(), L"set") == 0 && cWords == 3)
-        return ConfigSet(pArgs->fMachine, pArgs->words[1], pArgs->words[2]);
-    Err(L"Usage: kestalksp config show | get NAME | set NAME VALUE [--machine | --user]\n");
+    if (_wcsicmp(verb.c_str(), L"set") == 0 && cWords >= 3 && cWords % 2 == 1)
+        return ConfigSet(pArgs->fMachine, pArgs->words);
+    Err(L"Usage: kestalksp config show | get NAME | set NAME VALUE [NAME VALUE ...] [--machine | --user]\n");
     return KSPADM_USAGE;
 }
 

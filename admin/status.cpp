@@ -112,7 +112,8 @@ void PrintLog()
         return;
     }
     std::wstring path = TodaysLogPath();
-    Out(L"Log: %ls (LoggingLevel %lu, EVLoggingLevel %lu)\n", path.c_str(), static_cast<unsigned long>(dwLevel),
+    Out(L"Log: %ls%ls (LoggingLevel %lu, EVLoggingLevel %lu)\n", path.c_str(),
+        path[0] == L'\\' ? L" on each program's current drive" : L"", static_cast<unsigned long>(dwLevel),
         static_cast<unsigned long>(dwEventLevel));
     std::vector<std::string> failures = LastFailures(path);
     if (failures.empty())

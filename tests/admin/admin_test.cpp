@@ -173,6 +173,7 @@ TEST_F(Admin, RefusedCommandLinesChangeNothing)
         {.args = L"config set --user LoggingLevel 1", .says = "only under HKEY_LOCAL_MACHINE"},
         {.args = L"config set ClientSecret s3cret", .says = "Run: kestalksp set-secret"},
         {.args = L"keys --probe", .says = "keys does not take --probe"},
+        {.args = L"config set KeyVault other LoggingLevel ten", .says = "\"ten\" is not"}, // all or nothing
     };
     const std::string before = SettingsDump();
     for (const Refusal &refusal : refusals) {
@@ -181,9 +182,9 @@ TEST_F(Admin, RefusedCommandLinesChangeNothing)
         EXPECT_NE(tool.out.find(refusal.says), std::string::npos) << tool.out;
         EXPECT_EQ(SettingsDump(), before) << Narrow(refusal.args);
     }
-    EXPECT_EQ(RunTool(L"config set keyvault kestaltest").exitCode, 0u);
-    EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"KeyVault"), L"kestaltest");
+    EXPECT_EQ(RunTool(L"config set keyvault kestaltest ClientId app-id").exitCode, 0u);
     EXPECT_EQ(RunTool(L"config get KeyVault").out, "kestaltest\n");
+    EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"ClientId"), L"app-id");
 }
 
 TEST_F(Admin, SetSecretStoresWhatTheProviderSignsInWith)
