@@ -5,9 +5,6 @@
 #include <gtest/gtest.h>
 #include <wincrypt.h>
 
-#include <string>
-#include <vector>
-
 using namespace kestal_test;
 
 namespace {
@@ -26,15 +23,13 @@ struct Tool {
 Tool RunTool(const std::wstring &args, const std::string &input = "")
 {
     SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-    HANDLE inRead, inWrite, outRead, outWrite;
+    HANDLE inRead, inWrite, outRead, outWrite; // the tool's ends are inherited, ours are not
     CreatePipe(&inRead, &inWrite, &inherit, 0);
     CreatePipe(&outRead, &outWrite, &inherit, 0);
     SetHandleInformation(inWrite, HANDLE_FLAG_INHERIT, 0);
     SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
-    STARTUPINFOW si = {sizeof(si)};
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = inRead;
-    si.hStdOutput = si.hStdError = outWrite;
+    STARTUPINFOW si = {.cb = sizeof(si), .dwFlags = STARTF_USESTDHANDLES, .hStdInput = inRead,
+                       .hStdOutput = outWrite, .hStdError = outWrite};
     std::wstring command = L"\"" + ExeDir() + L"\\kestalksp.exe\" " + args;
     PROCESS_INFORMATION pi = {};
     Tool tool;
@@ -117,11 +112,8 @@ TEST_F(Admin, RegisterAndUnregisterKeepOtherProvidersAndTheirOrder)
     std::wstring block;
     for (const std::wstring &name : others) {
         block += name + L'\0';
-        HKEY um = nullptr;
-        RegCreateKeyExW(HKEY_LOCAL_MACHINE, (kProvidersKey + name + L"\\UM").c_str(), 0, nullptr, 0, KEY_WRITE,
-                        nullptr, &um, nullptr);
-        RegSetValueExW(um, L"Image", 0, REG_SZ, reinterpret_cast<const BYTE *>(L"ncryptprov.dll"), 30);
-        RegCloseKey(um);
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, (kProvidersKey + name + L"\\UM").c_str(), L"Image", REG_SZ,
+                        L"ncryptprov.dll", 30);
     }
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, kOrderKey, L"Providers", REG_MULTI_SZ, (block + L'\0').data(),
                     static_cast<DWORD>((block.size() + 1) * sizeof(wchar_t)));
