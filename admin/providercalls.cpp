@@ -228,6 +228,57 @@ unsigned PrintAddedCertificates(const std::vector<std::wstring> &before)
     return cAdded;
 }
 
+// What `test` signs: a fresh hash the key's curve fits (PKCS#1 v1.5 padding for RSA), and the
+// signature the vault made of it.
+struct TEST_SIGNATURE {
+    BOOL fRsa;
+    const wchar_t *pszHash;
+    BCRYPT_PKCS1_PADDING_INFO pkcs1;
+    std::vector<BYTE> hash;
+    std::vector<BYTE> signature;
+    explicit TEST_SIGNATURE(const std::wstring &algorithm)
+        : fRsa(algorithm == BCRYPT_RSA_ALGORITHM), pszHash(HashFor(algorithm)), pkcs1{pszHash}
+    {
+    }
+    void *Padding() { return fRsa ? &pkcs1 : nullptr; }
+    DWORD PaddingFlag() const { return fRsa ? BCRYPT_PAD_PKCS1 : 0; }
+};
+
+// The vault signs the hash through the provider's SignHash (size first, as CNG callers ask);
+// *pulMs receives the time both calls took.
+SECURITY_STATUS SignInVault(const KSPADM_PROVIDER *pProvider, const KeyHandle *pKey, TEST_SIGNATURE *pSig,
+                            unsigned long *pulMs)
+{
+    LARGE_INTEGER start, end, frequency;
+    QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&start);
+    DWORD cb = 0;
+    DWORD cbHash = static_cast<DWORD>(pSig->hash.size());
+    SECURITY_STATUS status = pProvider->pTable->SignHash(pProvider->hProvider, pKey->h, pSig->Padding(),
+                                                         pSig->hash.data(), cbHash, nullptr, 0, &cb, pSig->PaddingFlag());
+    pSig->signature.resize(cb);
+    if (status == 0)
+        status = pProvider->pTable->SignHash(pProvider->hProvider, pKey->h, pSig->Padding(), pSig->hash.data(), cbHash,
+                                             pSig->signature.data(), cb, &cb, pSig->PaddingFlag());
+    QueryPerformanceCounter(&end);
+    pSig->signature.resize(cb);
+    *pulMs = static_cast<unsigned long>((end.QuadPart - start.QuadPart) * 1000 / frequency.QuadPart);
+    return status;
+}
+
+// Windows' own BCrypt checks the signature against the public key the provider exports.
+NTSTATUS VerifyLocally(const KSPADM_PROVIDER *pProvider, const KeyHandle *pKey, TEST_SIGNATURE *pSig)
+{
+    BcryptAlgorithm alg;
+    BcryptKey publicKey;
+    NTSTATUS nt = ImportPublicKey(pProvider, pKey, pSig->fRsa, &alg, &publicKey);
+    if (nt == 0)
+        nt = BCryptVerifySignature(publicKey.h, pSig->Padding(), pSig->hash.data(), static_cast<ULONG>(pSig->hash.size()),
+                                   pSig->signature.data(), static_cast<ULONG>(pSig->signature.size()),
+                                   pSig->PaddingFlag());
+    return nt;
+}
+
 // The name of the vault's first machine key; NTE_NO_MORE_ITEMS when it has none.
 SECURITY_STATUS FirstKeyName(const KSPADM_PROVIDER *pProvider, std::wstring *pName)
 {
@@ -344,42 +395,20 @@ int CmdTest(const KSPADM_ARGS *pArgs)
         return ExplainStatus(L"Opening the key", status, pArgs->fMachine);
 
     std::wstring algorithm = KeyAlgorithm(&provider, &key);
-    BOOL fRsa = algorithm == BCRYPT_RSA_ALGORITHM;
-    const wchar_t *pszHash = HashFor(algorithm);
     Out(L"Key \"%ls\": %ls, %lu bits (%ls scope)\n", name.c_str(), algorithm.c_str(),
         static_cast<unsigned long>(KeyLength(&provider, &key)), ScopeName(pArgs->fMachine));
-    std::vector<BYTE> hash;
-    if (!FreshHash(pszHash, &hash)) {
-        Err(L"BCrypt could not make a %ls hash.\n", pszHash);
+    TEST_SIGNATURE sig(algorithm);
+    if (!FreshHash(sig.pszHash, &sig.hash)) {
+        Err(L"BCrypt could not make a %ls hash.\n", sig.pszHash);
         return KSPADM_FAILED;
     }
-    BCRYPT_PKCS1_PADDING_INFO pkcs1 = {pszHash};
-    void *pPadding = fRsa ? &pkcs1 : nullptr;
-    DWORD dwPadding = fRsa ? BCRYPT_PAD_PKCS1 : 0;
-    LARGE_INTEGER start, end, frequency;
-    QueryPerformanceFrequency(&frequency);
-    QueryPerformanceCounter(&start);
-    DWORD cbSignature = 0;
-    status = provider.pTable->SignHash(provider.hProvider, key.h, pPadding, hash.data(), static_cast<DWORD>(hash.size()),
-                                       nullptr, 0, &cbSignature, dwPadding);
-    std::vector<BYTE> signature(cbSignature);
-    if (status == 0)
-        status = provider.pTable->SignHash(provider.hProvider, key.h, pPadding, hash.data(),
-                                           static_cast<DWORD>(hash.size()), signature.data(), cbSignature,
-                                           &cbSignature, dwPadding);
-    QueryPerformanceCounter(&end);
+    unsigned long ulMs = 0;
+    status = SignInVault(&provider, &key, &sig, &ulMs);
     if (status != 0)
         return ExplainStatus(L"Signing", status, pArgs->fMachine);
-    Out(L"Signed a fresh %ls hash in the vault: %lu-byte signature in %lu ms.\n", pszHash,
-        static_cast<unsigned long>(cbSignature),
-        static_cast<unsigned long>((end.QuadPart - start.QuadPart) * 1000 / frequency.QuadPart));
-
-    BcryptAlgorithm alg;
-    BcryptKey publicKey;
-    NTSTATUS nt = ImportPublicKey(&provider, &key, fRsa, &alg, &publicKey);
-    if (nt == 0)
-        nt = BCryptVerifySignature(publicKey.h, pPadding, hash.data(), static_cast<ULONG>(hash.size()),
-                                   signature.data(), cbSignature, dwPadding);
+    Out(L"Signed a fresh %ls hash in the vault: %u-byte signature in %lu ms.\n", sig.pszHash,
+        static_cast<unsigned>(sig.signature.size()), ulMs);
+    NTSTATUS nt = VerifyLocally(&provider, &key, &sig);
     if (nt != 0) {
         Err(L"The signature does NOT verify against the key's exported public key (0x%08lX).\n",
             static_cast<unsigned long>(nt));
