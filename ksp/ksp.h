@@ -121,6 +121,12 @@ SECURITY_STATUS KspFail(const WCHAR *pszEntry, SECURITY_STATUS status);
 // Unprotects a base64 DPAPI blob into pbOut (at most cbOut bytes). TRUE for a non-empty secret.
 BOOL GetSecretFromDPAPI(const WCHAR *pszBase64, BYTE *pbOut, DWORD cbOut);
 
+// The ClientDPAPISecret text OpenProvider would make of a plain ClientSecret: machine-bound
+// (fMachine) or bound to the calling user, base64 on one line. For tools that store a secret
+// without it ever resting in the registry in plain text. pszBase64 holds cchBase64 characters
+// (4096 is always enough); the secret must fit the 1024-byte setting buffer. TRUE when made.
+BOOL KspProtectClientSecret(BOOL fMachine, const WCHAR *pszSecret, WCHAR *pszBase64, DWORD cchBase64);
+
 extern "C" {
 
 NTSTATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **ppFunctionTable,

@@ -237,6 +237,25 @@ BOOL GetSecretFromDPAPI(const WCHAR *pszBase64, BYTE *pbOut, DWORD cbOut)
     return fSecret;
 }
 
+BOOL KspProtectClientSecret(BOOL fMachine, const WCHAR *pszSecret, WCHAR *pszBase64, DWORD cchBase64)
+{
+    if (!pszSecret || !pszBase64)
+        return FALSE;
+    // The same buffer, flags and entropy as the conversion in OpenProvider, so the provider
+    // reads the result as if it had made it.
+    ScopeSettings s{};
+    BOOL fMade = FALSE;
+    if (wcsnlen(pszSecret, ARRAYSIZE(s.szClientSecret)) < ARRAYSIZE(s.szClientSecret)) {
+        wcscpy_s(s.szClientSecret, pszSecret);
+        fMade = ProtectSecret(&s, fMachine ? CRYPTPROTECT_LOCAL_MACHINE : CRYPTPROTECT_UI_FORBIDDEN) &&
+                wcsnlen(s.szClientDPAPISecret, kDpapiTextChars) < cchBase64;
+        if (fMade)
+            wcscpy_s(pszBase64, cchBase64, s.szClientDPAPISecret);
+    }
+    SecureZeroMemory(&s, sizeof(s));
+    return fMade;
+}
+
 extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPOpenProvider(NCRYPT_PROV_HANDLE *phProvider, LPCWSTR pszProviderName,
                                                                 DWORD)
 {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build and the test world need; safe to run again.
-#   - Debian packages (cross compilers, Wine, CMake, Node.js, namespace tools)
+#   - Debian packages (cross compilers, Wine, CMake, Node.js, namespace tools, wixl and
+#     msitools for the MSI)
 #   - json-c and GoogleTest cross-built for mingw-w64 from Debian's own sources,
 #     cached under build/deps (nothing third-party is kept in the repository); json-c
 #     also for i686 (build/deps/prefix-i686), for the 32-bit DLL
@@ -20,7 +21,8 @@ say() { printf 'install-deps: %s\n' "$*"; }
 
 packages=(gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 gcc-mingw-w64-i686 g++-mingw-w64-i686
           wine wine64 cmake dpkg-dev
-          iproute2 util-linux openssl ca-certificates googletest)
+          iproute2 util-linux openssl ca-certificates googletest
+          wixl msitools)
 command -v node >/dev/null || packages+=(nodejs)
 command -v npm >/dev/null || packages+=(npm)
 
