@@ -56,6 +56,14 @@ DWORD BitLengthOfKey(const KVKey *pKey)
     return pKey->x_siz == kP521CoordinateBytes ? 521 : pKey->x_siz * 8;
 }
 
+// A slot holds the name, its terminator, then the algorithm the listing named (or nothing).
+void KeepListedName(const WCHAR *pszListed, LPWSTR pszSlot)
+{
+    wcsncpy_s(pszSlot, kEnumNameChars, pszListed, _TRUNCATE);
+    const size_t cchName = wcslen(pszSlot) + 1;
+    wcsncpy_s(pszSlot + cchName, kEnumNameChars - cchName, KVCListedAlgorithm(pszListed), _TRUNCATE);
+}
+
 // The vault's key names in a fresh enumeration state; the vault client's copies are released.
 SECURITY_STATUS NewEnumState(KVC *kvc, KSP_ENUM_STATE **ppState)
 {
@@ -74,8 +82,8 @@ SECURITY_STATUS NewEnumState(KVC *kvc, KSP_ENUM_STATE **ppState)
             auto *pszSlots = reinterpret_cast<LPWSTR>(pState->ppszNames + cNames);
             for (DWORD i = 0; i < cNames; ++i) {
                 pState->ppszNames[i] = pszSlots + i * kEnumNameChars;
-                if (ppNames[i])
-                    wcsncpy_s(pState->ppszNames[i], kEnumNameChars, ppNames[i], _TRUNCATE);
+                if (ppNames[i]) // the name, and its listed algorithm behind the name's terminator
+                    KeepListedName(ppNames[i], pState->ppszNames[i]);
             }
         } else {
             LogMsg(L"KestalKeyVaultKSPEnumKeys HeapAlloc Failed", KSP_LOG_FAILURE);
@@ -249,21 +257,26 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPEnumKeys(NCRYPT_PROV_HANDLE h
     if (pState->dwIndex >= pState->dwCount)
         return NTE_NO_MORE_ITEMS;
 
-    // Every name costs one lookup: the listing does not say which algorithm a key is for.
+    // A key the provider made carries its algorithm in the listing's tags; any other is read.
     LPWSTR pszName = pState->ppszNames[pState->dwIndex];
-    KVKey record;
-    if (!KVCGetKey(kvc, pszName, &record, 0)) {
+    const WCHAR *pszListedAlgorithm = pszName + wcslen(pszName) + 1;
+    WCHAR szAlgid[KSP_ALGORITHM_CHARS] = {};
+    if (*pszListedAlgorithm) {
+        wcsncpy_s(szAlgid, pszListedAlgorithm, _TRUNCATE);
+    } else {
+        KVKey record;
+        const int read = KVCGetKey(kvc, pszName, &record, 0);
+        if (read)
+            AlgorithmOfKey(&record, szAlgid);
         KVCFreeKVKey(&record);
-        return KspFail(L"KestalKeyVaultKSPEnumKeys", kEnumVaultFailed);
+        if (!read)
+            return KspFail(L"KestalKeyVaultKSPEnumKeys", kEnumVaultFailed);
     }
     auto *pBlock = static_cast<KSP_KEY_NAME_BLOCK *>(KspAlloc(sizeof(KSP_KEY_NAME_BLOCK)));
-    if (!pBlock) {
-        KVCFreeKVKey(&record);
+    if (!pBlock)
         return KspFail(L"KestalKeyVaultKSPEnumKeys", NTE_NO_MEMORY);
-    }
     ZeroMemory(pBlock, sizeof(*pBlock));
-    AlgorithmOfKey(&record, pBlock->szAlgid);
-    KVCFreeKVKey(&record);
+    wcscpy_s(pBlock->szAlgid, szAlgid);
     pBlock->keyName.pszName = pszName; // lives as long as the enumeration state
     pBlock->keyName.pszAlgid = pBlock->szAlgid;
     pBlock->keyName.dwLegacyKeySpec = 0;

@@ -10,6 +10,8 @@
 #include <string.h>
 #include <wchar.h>
 
+#include <utility>
+
 #include "kvclient/kvjson.h"
 
 namespace {
@@ -519,15 +521,47 @@ WCHAR *KVCArcRealmPath(const WCHAR *pszHeaders)
 
 namespace {
 
-// Asks for a token with no lock held: the request may take minutes (an Arc agent starting up).
-// fIdentityVault: the vault is to be named after the token's identity.
-int FetchToken(KVC *kvc, const WCHAR *pszResource, bool fIdentityVault, FRESH_TOKEN *pToken, __time64_t now)
+// Whose token the client asks for, as the process-wide token sharing tells identities apart:
+// the sign-in kind, the cloud and kind of vault (so the audience), tenant, client, a hash of the
+// secret, an audience asked for instead, and the managed identity's endpoint. Null when the
+// secret cannot be hashed: the client then signs in on its own.
+WCHAR *IdentityOf(KVC *kvc, const WCHAR *pszResource)
 {
-    int got = 0;
-    if (kvc->authn & kAuthnClientSecret)
-        got = ClientSecretToken(kvc, pszResource, pToken, now);
-    if (!got && (kvc->authn & kAuthnManagedIdentity))
-        got = ManagedIdentityToken(kvc, pszResource, pToken, now);
+    WCHAR *pszSecretHash = KVCSecretHash(TextOf(kvc->clientSecret));
+    if (!pszSecretHash)
+        return nullptr;
+    WCHAR szKind[16];
+    swprintf(szKind, ARRAYSIZE(szKind), L"%lu|%lu|", static_cast<unsigned long>(kvc->authn),
+             static_cast<unsigned long>(kvc->fManagedHsm));
+    WCHAR szEndpoint[kEndpointChars] = {};
+    GetEnvironmentVariableW(L"IDENTITY_ENDPOINT", szEndpoint, kEndpointChars);
+    WCHAR *pszIdentity = KVCJoinText({szKind, kvc->cloud ? kvc->cloud->pszName : L"", L"|", TextOf(kvc->tenantId),
+                                      L"|", TextOf(kvc->clientId), L"|", pszSecretHash, L"|", pszResource, L"|",
+                                      szEndpoint});
+    free(pszSecretHash);
+    return pszIdentity;
+}
+
+// Asks for a token with no lock held: the request may take minutes (an Arc agent starting up).
+// A live token another client of the process holds for the same identity serves instead.
+// fIdentityVault: the vault is to be named after the token's identity.
+int FetchToken(KVC *kvc, const WCHAR *pszResource, const WCHAR *pszIdentity, bool fIdentityVault,
+               FRESH_TOKEN *pToken, __time64_t now)
+{
+    __time64_t expiry = 0;
+    int got = KVCSharedTokenTake(pszIdentity, now, &pToken->tokenType, &pToken->accessToken, &expiry);
+    if (got) {
+        LogMsg(L"KVCAuthenticate Shared Token", KSP_LOG_STEP);
+        pToken->lifetime = expiry - now;
+    } else {
+        if (kvc->authn & kAuthnClientSecret)
+            got = ClientSecretToken(kvc, pszResource, pToken, now);
+        if (!got && (kvc->authn & kAuthnManagedIdentity))
+            got = ManagedIdentityToken(kvc, pszResource, pToken, now);
+        if (got)
+            KVCSharedTokenKeep(pszIdentity, TextOf(pToken->tokenType), TextOf(pToken->accessToken),
+                               now + pToken->lifetime);
+    }
     if (got && fIdentityVault)
         got = IdentityVaultName(pToken);
     return got;
@@ -590,16 +624,19 @@ int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource)
     ReleaseSRWLockExclusive(&kvc->tokenLock);
 
     FRESH_TOKEN fresh = {};
-    const int got = FetchToken(kvc, pszResource, fIdentityVault, &fresh, now);
+    WCHAR *pszIdentity = IdentityOf(kvc, pszResource);
+    const int got = FetchToken(kvc, pszResource, pszIdentity, fIdentityVault, &fresh, now);
 
     AcquireSRWLockExclusive(&kvc->tokenLock);
     if (got)
         InstallToken(kvc, &fresh, now);
+    std::swap(kvc->pszIdentity, pszIdentity);
     kvc->fRenewing = 0;
     kvc->renewals++;
     ReleaseSRWLockExclusive(&kvc->tokenLock);
     WakeAllConditionVariable(&kvc->tokenRenewed);
     FreeFreshToken(&fresh);
+    free(pszIdentity);
 
     if (!got)
         LogVaultName(L"KVCAuthenticate Logon failure", kvc, KSP_LOG_FAILURE);
@@ -610,8 +647,16 @@ void KVCDropToken(KVC *kvc, DWORD dwTokenGeneration)
 {
     if (!kvc)
         return;
+    WCHAR *pszIdentity = nullptr, *pszToken = nullptr;
     AcquireSRWLockExclusive(&kvc->tokenLock);
-    if (kvc->tokenGeneration == dwTokenGeneration)
+    if (kvc->tokenGeneration == dwTokenGeneration) {
         kvc->tokenExpiry = 0;
+        // Other clients of the process must not take the refused token either.
+        pszIdentity = kvc->pszIdentity ? KVCJoinText({kvc->pszIdentity}) : nullptr;
+        pszToken = KVCJoinText({TextOf(kvc->accessToken)});
+    }
     ReleaseSRWLockExclusive(&kvc->tokenLock);
+    KVCSharedTokenForget(pszIdentity, pszToken);
+    free(pszIdentity);
+    KVCWipeFreeText(pszToken);
 }

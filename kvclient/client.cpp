@@ -288,6 +288,7 @@ void KVCDelete(KVC *kvc)
     FreeField(&kvc->tenantId);
     FreeField(&kvc->clientId);
     FreeField(&kvc->clientCertId);
+    free(kvc->pszIdentity);
     SecureZeroMemory(kvc, sizeof(*kvc));
     free(kvc);
 }

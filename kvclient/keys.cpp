@@ -2,6 +2,7 @@
 // its CNG name into a KVKey. Both wait out throttling the same way: six calls at most.
 #include "kvclient/kvc.h"
 #include "kvclient/kvjson.h"
+#include "kvclient/algorithms.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -46,8 +47,21 @@ struct NameList {
     }
 };
 
-// The clear name of one listed key ("kid" without a version ends in the vault name), appended;
-// elements without a "kid" and names that do not decode are skipped.
+// The CNG algorithm a listed key's "AlgID" tag names exactly (the provider writes it when it
+// creates a key); empty when the tag is missing or names none.
+const WCHAR *TaggedAlgorithm(json_object *item)
+{
+    const char *pszTag = KVCJsonGetString(KVCJsonMember(item, "tags", json_type_object), "AlgID");
+    WCHAR szTag[KVC_ALGID_CHARS] = {};
+    if (!pszTag || strlen(pszTag) >= KVC_ALGID_CHARS ||
+        !MultiByteToWideChar(CP_UTF8, 0, pszTag, -1, szTag, KVC_ALGID_CHARS))
+        return L"";
+    const KVC_ALGORITHM *alg = KVCAlgorithmByName(szTag);
+    return alg ? alg->pszName : L"";
+}
+
+// The clear name of one listed key ("kid" without a version ends in the vault name) and its
+// tagged algorithm, appended; elements without a "kid" and names that do not decode are skipped.
 void AppendKeyName(json_object *item, NameList *list)
 {
     const char *pszKid = KVCJsonGetString(item, "kid");
@@ -60,9 +74,11 @@ void AppendKeyName(json_object *item, NameList *list)
     WCHAR szClear[KVC_CLEAR_NAME_CHARS];
     if (KVCConvertEncodedKeyNameToClear(pszVaultName, szClear, nullptr)) {
         LogMsg3(L"KVCGetKeys kids", pszVaultName, szClear, KSP_LOG_STEP);
-        WCHAR *pszCopy = _wcsdup(szClear);
-        if (pszCopy)
+        WCHAR *pszCopy = KVCJoinText({szClear, L"|", TaggedAlgorithm(item)});
+        if (pszCopy) {
+            *wcschr(pszCopy, L'|') = 0; // the name, then the algorithm behind its terminator
             list->ppNames[list->cNames++] = pszCopy;
+        }
         else
             LogMsg2(L"KVCGetKeys kids _wcsdup Failed", szClear, KSP_LOG_FAILURE);
     } else {
@@ -172,4 +188,9 @@ int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
 
     LogMsg2(L"KVCGetKey End", pszKeyName, KSP_LOG_TRACE);
     return result;
+}
+
+const WCHAR *KVCListedAlgorithm(const WCHAR *pszListedName)
+{
+    return pszListedName ? pszListedName + wcslen(pszListedName) + 1 : L"";
 }

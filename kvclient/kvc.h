@@ -54,6 +54,7 @@ struct KVC {
     DWORD fRenewing;
     DWORD tokenGeneration; // counts the tokens installed, so a refused one is dropped only once
     DWORD renewals;        // counts finished renewals, successful or not
+    WCHAR *pszIdentity;    // calloc'd: whose token this is, for sharing it (KVCSharedTokenTake)
 };
 
 // What one REST call produced. It belongs to the call that made it, never to the client, so
@@ -153,6 +154,19 @@ void KVCWipeFreeBytes(char *psz);
 // and the first 23 hexadecimal digits of the identity's object id; a token whose object id is
 // not a GUID, or a token a header line cannot carry as it stands, fails the sign-in.
 int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource);
+// ---- Tokens shared by the clients of a process --------------------------------------------
+
+// Clients that sign in as the same identity share one token while it lives. pszIdentity names
+// the identity (kind, cloud, tenant, client, audience, endpoint, KVCSecretHash of the secret).
+// Take: copies of a live token and its expiry; 0 when none. Keep: remembers one (copies).
+// Forget: drops the identity's token if it is still pszToken (the vault refused it).
+int KVCSharedTokenTake(const WCHAR *pszIdentity, __time64_t now, BldStr **ppType, BldStr **ppToken,
+                       __time64_t *pExpiry);
+void KVCSharedTokenKeep(const WCHAR *pszIdentity, const WCHAR *pszType, const WCHAR *pszToken, __time64_t expiry);
+void KVCSharedTokenForget(const WCHAR *pszIdentity, const WCHAR *pszToken);
+// SHA-256 of the secret's text in lower-case hexadecimal, calloc'd; null when it cannot be made.
+WCHAR *KVCSecretHash(const WCHAR *pszSecret);
+
 // Forgets the token a request carried (its generation) after the vault refused it with 401, so
 // the next KVCAuthenticate signs in again. A token already replaced is left alone.
 void KVCDropToken(KVC *kvc, DWORD dwTokenGeneration);
@@ -296,6 +310,9 @@ DWORD KVCListingTake(KVC_LISTING *pListing, DWORD cItems);
 // an array of *pcCount names, each and the array freed by the caller with free. 1 when the last
 // page was answered with 200.
 int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount);
+// The CNG algorithm the listing's "AlgID" tag gave a name of KVCGetKeys (kept in the name's block,
+// behind its terminator); "" when the listing did not say, and the key itself must be read.
+const WCHAR *KVCListedAlgorithm(const WCHAR *pszListedName);
 // Reads one key by its CNG name into *pKey (zeroed first). fSuppress lowers the failure
 // messages to level 10 for callers that expect the key may not exist. 1 when the key was read.
 int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress);

@@ -163,7 +163,9 @@ TEST_F(Auth, VaultPlaceholderTakesTheNameOfTheTokensObjectIdAndWithoutOneSignInF
         std::string token = std::string("eyJ0eXAiOiJKV1QifQ.") + claims + ".c2ln";
         ScriptAnswers(emulator, "imds",
                       R"([{"status":200,"body":{"token_type":"Bearer","access_token":")" + token + "\"}}]");
-        KvcOwner kvc = NewClient(1, L"", pattern);
+        // A client id of its own per case: clients of one process share one identity's token.
+        const std::wstring clientId = Widen(claims) + std::wstring(pattern);
+        KvcOwner kvc = NewClient(1, L"", pattern, clientId.c_str());
         EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), ok) << claims;
         if (!ok)
             continue;

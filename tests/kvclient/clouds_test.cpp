@@ -25,12 +25,23 @@ protected:
     {
         emulator.Reset();
         UseVault(HKEY_LOCAL_MACHINE, L"kestaltest", certificatesOrKeys);
+        NewIdentity();
         emulator.Call(L"PUT", L"/identity", R"({"oid":"0b5f2d43-9c1e-4d7a-8f36-2a4e6b8c0d15"})");
         SetSettingDword(HKEY_LOCAL_MACHINE, L"AuthenticationType", authn);
         SetSetting(HKEY_LOCAL_MACHINE, L"KeyVault", keyVault);
         for (auto [name, value] : {std::pair{L"AzureCloud", azureCloud}, std::pair{L"VaultType", vaultType}})
             if (value || !GetSetting(HKEY_LOCAL_MACHINE, name).empty())
                 SetSetting(HKEY_LOCAL_MACHINE, name, value ? value : L"");
+    }
+    // A client id of its own for each row: clients of one process share one identity's token.
+    void NewIdentity()
+    {
+        static int rows = 0;
+        const std::wstring clientId = L"clouds-app-" + std::to_wstring(++rows);
+        SetSetting(HKEY_LOCAL_MACHINE, L"ClientId", clientId);
+        emulator.Call(L"POST", L"/apps",
+                      R"({"tenant":")" + std::string(kTenant) + R"(","clientId":")" + Narrow(clientId) +
+                          R"(","secret":")" + Narrow(GetSetting(HKEY_LOCAL_MACHINE, L"ClientSecret")) + "\"}");
     }
     // Opens the key and signs a hash with it: the status of the first step that failed.
     SECURITY_STATUS OpenAndSign(NCRYPT_PROV_HANDLE p, const wchar_t *name)

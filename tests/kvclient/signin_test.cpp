@@ -40,6 +40,8 @@ protected:
                                const char *oid = kOid)
     {
         UseVault(HKEY_LOCAL_MACHINE, vault);
+        static int opens = 0; // a client id of its own: clients of one process share a token
+        SetSetting(HKEY_LOCAL_MACHINE, L"ClientId", L"signin-app-" + std::to_wstring(++opens));
         SetSettingDword(HKEY_LOCAL_MACHINE, L"AuthenticationType", source.authn);
         SetEnvironmentVariableW(L"IDENTITY_ENDPOINT", source.endpoint);
         const std::string life = R"(","lifetime":)" + std::to_string(lifetime) + "}";
