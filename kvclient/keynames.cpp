@@ -185,6 +185,84 @@ int KVCConvertEncodedKeyNameToClear(const WCHAR *pszEncoded, WCHAR *pszClear, DW
     return 1;
 }
 
+namespace {
+
+// "key_ops" joined with ",", at most kMaxKeyOps of them, elements of other kinds left out; null
+// when there is no such array.
+WCHAR *JoinKeyOps(json_object *key)
+{
+    json_object *ops = KVCJsonMember(key, "key_ops", json_type_array);
+    if (!ops)
+        return nullptr;
+    BldStr *joined = BldStrNewStr(L"");
+    size_t count = json_object_array_length(ops);
+    if (count > kMaxKeyOps) {
+        LogMsgNum(L"KVCParseJSONKey key_ops Too Many", L"kept", static_cast<int>(kMaxKeyOps), KSP_LOG_WARNING);
+        count = kMaxKeyOps;
+    }
+    for (size_t i = 0; joined && i < count; ++i) {
+        json_object *op = json_object_array_get_idx(ops, i);
+        if (!json_object_is_type(op, json_type_string))
+            continue; // an element of another kind is no operation
+        if (joined->length)
+            BldStrCat(joined, L",");
+        BldStrCatAscii(joined, json_object_get_string(op));
+    }
+    WCHAR *pszOps = joined ? WideDup(joined->cStr) : nullptr;
+    BldStrFree(joined);
+    return pszOps;
+}
+
+// Copies the members of the JSON Web Key into the record.
+void ReadKeyMembers(json_object *key, KVKey *theKey)
+{
+    if (const char *kid = KVCJsonGetString(key, "kid"))
+        CopyVersion(kid, theKey->version);
+    theKey->crv = BytesStrToWStr(KVCJsonGetString(key, "crv"));
+    theKey->d = BytesStrToWStr(KVCJsonGetString(key, "d"));
+    theKey->dp = BytesStrToWStr(KVCJsonGetString(key, "dp"));
+    theKey->dq = BytesStrToWStr(KVCJsonGetString(key, "dq"));
+    DecodeMember(key, "e", &theKey->e, &theKey->e_siz);
+    theKey->k = BytesStrToWStr(KVCJsonGetString(key, "k"));
+    theKey->kty = BytesStrToWStr(KVCJsonGetString(key, "kty"));
+    theKey->isEC = theKey->kty && (wcscmp(theKey->kty, L"EC") == 0 || wcscmp(theKey->kty, L"EC-HSM") == 0);
+    DecodeMember(key, "n", &theKey->n, &theKey->n_siz);
+    theKey->p = BytesStrToWStr(KVCJsonGetString(key, "p"));
+    theKey->q = BytesStrToWStr(KVCJsonGetString(key, "q"));
+    theKey->qi = BytesStrToWStr(KVCJsonGetString(key, "qi"));
+    DecodeMember(key, "x", &theKey->x, &theKey->x_siz);
+    DecodeMember(key, "y", &theKey->y, &theKey->y_siz);
+    theKey->key_ops = JoinKeyOps(key);
+}
+
+// The CNG algorithm of a key whose answer carries tags. The "AlgID" tag only says ECDH or not
+// (the curve comes from the key itself); a tag of 20 bytes or more cannot be an algorithm name
+// and counts as absent. Without a usable tag, an EC key that can sign is for signatures, any
+// other EC key for agreement.
+void ChooseAlgID(json_object *tags, KVKey *theKey)
+{
+    const char *tag = KVCJsonGetString(tags, "AlgID");
+    if (tag && strlen(tag) < KVC_ALGID_CHARS) {
+        if (!MultiByteToWideChar(CP_ACP, 0, tag, -1, theKey->AlgID, KVC_ALGID_CHARS))
+            theKey->AlgID[0] = 0;
+        if (!theKey->isEC)
+            wcscpy_s(theKey->AlgID, KVC_ALGID_CHARS, L"RSA");
+        else
+            SetCurveAlgID(theKey, KVCAlgorithmBySizeIn(theKey->crv, wcsstr(theKey->AlgID, L"ECDH") != nullptr));
+    }
+    if (theKey->AlgID[0])
+        return;
+    const bool canSign = theKey->key_ops && wcsstr(theKey->key_ops, L"sign");
+    if (!theKey->isEC)
+        wcscpy_s(theKey->AlgID, KVC_ALGID_CHARS, L"RSA");
+    else if (canSign)
+        SetCurveAlgID(theKey, KVCAlgorithmBySizeIn(theKey->crv, FALSE));
+    else
+        SetCurveAlgID(theKey, KVCAlgorithmByCurve(theKey->crv, TRUE));
+}
+
+} // namespace
+
 int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theKey)
 {
     LogMsg(L"KVCParseJSONKey", KSP_LOG_STEP);
@@ -211,84 +289,12 @@ int KVCParseJSONKey(const WCHAR *pszKeyName, const char *pszKeyJSON, KVKey *theK
     if (!KVCConvertEncodedKeyNameToClear(theKey->name, theKey->clearName, nullptr))
         wcscpy_s(theKey->clearName, KVC_CLEAR_NAME_CHARS, L"InvalidName");
 
+    // An answer that is not JSON is not an error here: callers look at the fields they need.
     KVCJsonDoc doc = KVCJsonParse(pszKeyJSON);
-    if (!doc) {
-        // An answer that is not JSON is not an error here: callers look at the fields they need.
-        theKey->valid = 1;
-        return 1;
-    }
-
-    bool canSign = false;
-    if (json_object *key = KVCJsonMember(doc.get(), "key", json_type_object)) {
-        if (const char *kid = KVCJsonGetString(key, "kid"))
-            CopyVersion(kid, theKey->version);
-        theKey->crv = BytesStrToWStr(KVCJsonGetString(key, "crv"));
-        theKey->d = BytesStrToWStr(KVCJsonGetString(key, "d"));
-        theKey->dp = BytesStrToWStr(KVCJsonGetString(key, "dp"));
-        theKey->dq = BytesStrToWStr(KVCJsonGetString(key, "dq"));
-        DecodeMember(key, "e", &theKey->e, &theKey->e_siz);
-        theKey->k = BytesStrToWStr(KVCJsonGetString(key, "k"));
-        theKey->kty = BytesStrToWStr(KVCJsonGetString(key, "kty"));
-        theKey->isEC = theKey->kty && (wcscmp(theKey->kty, L"EC") == 0 || wcscmp(theKey->kty, L"EC-HSM") == 0);
-        DecodeMember(key, "n", &theKey->n, &theKey->n_siz);
-        theKey->p = BytesStrToWStr(KVCJsonGetString(key, "p"));
-        theKey->q = BytesStrToWStr(KVCJsonGetString(key, "q"));
-        theKey->qi = BytesStrToWStr(KVCJsonGetString(key, "qi"));
-        DecodeMember(key, "x", &theKey->x, &theKey->x_siz);
-        DecodeMember(key, "y", &theKey->y, &theKey->y_siz);
-
-        if (json_object *ops = KVCJsonMember(key, "key_ops", json_type_array)) {
-            BldStr *joined = BldStrNewStr(L"");
-            size_t count = json_object_array_length(ops);
-            if (count > kMaxKeyOps) {
-                LogMsgNum(L"KVCParseJSONKey key_ops Too Many", L"kept", static_cast<int>(kMaxKeyOps),
-                          KSP_LOG_WARNING);
-                count = kMaxKeyOps;
-            }
-            for (size_t i = 0; joined && i < count; ++i) {
-                json_object *op = json_object_array_get_idx(ops, i);
-                if (!json_object_is_type(op, json_type_string))
-                    continue; // an element of another kind is no operation
-                if (joined->length)
-                    BldStrCat(joined, L",");
-                BldStrCatAscii(joined, json_object_get_string(op));
-            }
-            if (joined) {
-                theKey->key_ops = WideDup(joined->cStr);
-                canSign = wcsstr(joined->cStr, L"sign") != nullptr;
-            }
-            BldStrFree(joined);
-        }
-    }
-
-    json_object *tags = KVCJsonMember(doc.get(), "tags", json_type_object);
-    if (!tags) {
-        theKey->valid = 1;
-        return 1;
-    }
-
-    // A tag of 20 bytes or more cannot be an algorithm name: it is ignored as if absent.
-    const char *tag = KVCJsonGetString(tags, "AlgID");
-    if (tag && strlen(tag) < KVC_ALGID_CHARS) {
-        if (!MultiByteToWideChar(CP_ACP, 0, tag, -1, theKey->AlgID, KVC_ALGID_CHARS))
-            theKey->AlgID[0] = 0;
-        // The tag only says ECDH or not; the curve comes from the key itself.
-        if (!theKey->isEC)
-            wcscpy_s(theKey->AlgID, KVC_ALGID_CHARS, L"RSA");
-        else
-            SetCurveAlgID(theKey, KVCAlgorithmBySizeIn(theKey->crv, wcsstr(theKey->AlgID, L"ECDH") != nullptr));
-    }
-    if (theKey->AlgID[0] == 0) {
-        // No usable tag: a key that can sign is for signatures, any other EC key for agreement.
-        if (!theKey->isEC) {
-            wcscpy_s(theKey->AlgID, KVC_ALGID_CHARS, L"RSA");
-        } else if (canSign) {
-            SetCurveAlgID(theKey, KVCAlgorithmBySizeIn(theKey->crv, FALSE));
-        } else {
-            SetCurveAlgID(theKey, KVCAlgorithmByCurve(theKey->crv, TRUE));
-        }
-    }
-
+    if (json_object *key = KVCJsonMember(doc.get(), "key", json_type_object))
+        ReadKeyMembers(key, theKey);
+    if (json_object *tags = KVCJsonMember(doc.get(), "tags", json_type_object))
+        ChooseAlgID(tags, theKey);
     theKey->valid = 1;
     return 1;
 }
