@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <latch>
 #include <thread>
 
 namespace bench {
@@ -99,6 +98,8 @@ json_object *TokensPart(Bench *bench)
 // ---- Threads ---------------------------------------------------------------------------------------
 namespace {
 
+constexpr DWORD kStartWaitMs = 60'000;
+
 struct ThreadRun {
     double opsPerSecond = 0;
     int signatures = 0, verified = 0;
@@ -114,19 +115,22 @@ ThreadRun RunThreads(const std::vector<OpenedKey> &keys, int threads, int signsP
             hashes[t].push_back(RandomBytes(32));
         signatures[t].resize(signsPerThread);
     }
-    std::latch start(threads + 1);
+    // One manual-reset event starts every worker at once. (std::latch of mingw-w64's libstdc++
+    // can miss its wake-up and leave the last waiter asleep for good.)
+    HANDLE go = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
         workers.emplace_back([&, t] {
-            start.arrive_and_wait();
+            WaitForSingleObject(go, kStartWaitMs);
             for (int s = 0; s < signsPerThread; ++s)
                 Sign(keys[t % keys.size()], hashes[t][s], &signatures[t][s]);
         });
     }
-    start.arrive_and_wait();
     const double begin = NowMs();
+    SetEvent(go);
     for (std::thread &w : workers)
         w.join();
+    CloseHandle(go);
     const double ms = NowMs() - begin;
     ThreadRun run;
     run.signatures = threads * signsPerThread;
