@@ -319,13 +319,14 @@ json_object *MemoryPart(Bench *bench, FILE *dat)
             signOnce();
         signs += plan.memoryEvery;
     }
-    // The least-squares trend per 10,000 signs: a leak shows as a slope, while the allocators'
-    // rounding and a one-off release early on (both seen under Wine) do not.
+    // The least-squares trend per 10,000 signs over the second half of the run: a leak shows as
+    // a slope there, while the allocators' rounding and the one-off release of a cache early on
+    // (both seen under Wine) do not.
     auto trend = [&](double (*value)(const MemorySample &)) {
-        double n = static_cast<double>(taken.size()), sx = 0, sy = 0, sxx = 0, sxy = 0;
-        for (size_t i = 0; i < taken.size(); ++i) {
+        double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
+        for (size_t i = taken.size() / 2; i < taken.size(); ++i) {
             const double x = static_cast<double>(i) * plan.memoryEvery, y = value(taken[i]);
-            sx += x, sy += y, sxx += x * x, sxy += x * y;
+            n += 1, sx += x, sy += y, sxx += x * x, sxy += x * y;
         }
         const double d = n * sxx - sx * sx;
         return d > 0 ? (n * sxy - sx * sy) / d * 10'000 : 0;
