@@ -134,10 +134,11 @@ struct OpenedKey {
 // own: it reads its module settings when loaded and keeps its own process-wide state, so that
 // two configurations live side by side in one process and their calls can be interleaved.
 // The settings of the config are written before the load and stay until the next copy's, so
-// that the handles opened next read them too. Everything opened is freed with the copy.
+// that the handles opened next read them too. The copy and its log file go into workDir.
+// Everything opened is freed with the copy.
 class ProviderCopy {
 public:
-    ProviderCopy(const std::wstring &tag, const Config &config, const std::wstring &logDir);
+    ProviderCopy(const std::wstring &tag, const Config &config, const std::wstring &workDir);
     ~ProviderCopy();
     ProviderCopy(const ProviderCopy &) = delete;
     ProviderCopy &operator=(const ProviderCopy &) = delete;

@@ -74,7 +74,7 @@ json_object *MachineJson()
     SYSTEM_INFO info;
     GetNativeSystemInfo(&info);
     Put(obj, "cpus", Int(info.dwNumberOfProcessors));
-    using WineVersionFn = const char *(CDECL *)(void);
+    using WineVersionFn = const char *(__cdecl *)(void);
     auto wine = reinterpret_cast<WineVersionFn>(
         reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")));
     Put(obj, "wine", wine ? json_object_new_string(wine()) : nullptr);

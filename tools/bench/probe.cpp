@@ -19,7 +19,7 @@ namespace {
 constexpr LONG kInfoLengthMismatch = static_cast<LONG>(0xC0000004);
 constexpr ULONG kSystemHandleInformation = 16;
 constexpr size_t kMaxHandleTableBytes = 64u << 20;
-constexpr size_t kMaxHeaps = 256;
+constexpr DWORD kMaxHeaps = 256;
 constexpr long kMaxHeapEntries = 50'000'000; // a corrupt walk still ends
 
 struct HandleEntry {

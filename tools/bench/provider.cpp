@@ -51,13 +51,13 @@ void WriteConnectionSettings(const std::string &tenant, const std::string &clien
     SetDword(L"CertificatesOrKeys", 1); // plain vault keys: no certificate sync on OpenKey
 }
 
-ProviderCopy::ProviderCopy(const std::wstring &tag, const Config &config, const std::wstring &logDir)
+ProviderCopy::ProviderCopy(const std::wstring &tag, const Config &config, const std::wstring &workDir)
 {
     SetDword(L"ReuseConnections", config.reuseConnections);
     SetDword(L"LoggingLevel", config.loggingLevel);
-    SetText(L"LogfilePath", logDir);
+    SetText(L"LogfilePath", workDir);
     SetText(L"KeyVault", config.vault);
-    const std::wstring copy = logDir + L"\\KestalKeyVaultKSP-" + tag + L".dll";
+    const std::wstring copy = workDir + L"\\KestalKeyVaultKSP-" + tag + L".dll";
     if (!CopyFileW((ExeDir() + L"\\KestalKeyVaultKSP.dll").c_str(), copy.c_str(), FALSE))
         throw std::runtime_error("cannot copy the provider DLL: " + std::to_string(GetLastError()));
     module_ = LoadLibraryW(copy.c_str());
