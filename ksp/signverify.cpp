@@ -131,6 +131,77 @@ SECURITY_STATUS FitSignature(const KVKey &kvKey, PBYTE pbSignature, DWORD cbSign
     return ERROR_SUCCESS;
 }
 
+// The vault's RS or PS algorithm and input for RSA padding information, logged under the
+// entry's name; NTE_NOT_SUPPORTED when the information names no hash the vault signs.
+SECURITY_STATUS MapRsaPadding(const WCHAR *pszEntry, bool fSign, DWORD dwPadding, const void *pPaddingInfo,
+                              const BYTE *pbHash, DWORD cbHash, SignInput *pInput)
+{
+    const WCHAR *pszAlgId = nullptr;
+    if (dwPadding == BCRYPT_PAD_PKCS1) {
+        auto *pInfo = static_cast<const BCRYPT_PKCS1_PADDING_INFO *>(pPaddingInfo);
+        if (!pInfo || !pInfo->pszAlgId) {
+            LogMsg2(pszEntry, L"pPaddingInfo or pszAlgId NULL", KSP_LOG_FAILURE);
+            return NTE_NOT_SUPPORTED;
+        }
+        pszAlgId = pInfo->pszAlgId;
+        if (fSign)
+            LogMsg2(pszEntry, pszAlgId, KSP_LOG_STEP);
+    } else {
+        auto *pInfo = static_cast<const BCRYPT_PSS_PADDING_INFO *>(pPaddingInfo);
+        if (!pInfo) {
+            LogMsg2(pszEntry, L"pPaddingInfo NULL", KSP_LOG_FAILURE);
+            return NTE_NOT_SUPPORTED;
+        }
+        // The vault's PS algorithms fix the salt at the hash length: cbSalt is only reported.
+        if (fSign)
+            LogMsgNum(pszEntry, pInfo->pszAlgId, static_cast<int>(pInfo->cbSalt), KSP_LOG_STEP);
+        if (!pInfo->pszAlgId) {
+            LogMsg2(pszEntry, L"phashinfo->pszAlgId == NULL", KSP_LOG_FAILURE);
+            return NTE_NOT_SUPPORTED;
+        }
+        pszAlgId = pInfo->pszAlgId;
+    }
+    if (!MapRsaHash(dwPadding, pszAlgId, pbHash, cbHash, pInput)) {
+        LogMsg3(pszEntry, L"Bad Hash Algorithm", pszAlgId, KSP_LOG_FAILURE);
+        return NTE_NOT_SUPPORTED;
+    }
+    return ERROR_SUCCESS;
+}
+
+// What SignHash sends for an EC key: the hash brought to the curve's length, or as it is when
+// it has that length already and the key's algorithm is one the vault signs with.
+SECURITY_STATUS MapEcSignHash(const KSP_KEY *pKey, const BYTE *pbHash, DWORD cbHash, SignInput *pInput)
+{
+    EcAlgorithm alg = EcAlgorithmOfName(pKey->szAlgorithm);
+    if (cbHash != alg.cbHash) {
+        ResizeEcHash(L"KestalKeyVaultKSPSignHash Resize Hash", pKey->szAlgorithm, alg, pbHash, cbHash, pInput,
+                     L"KestalKeyVaultKSPSignHash Resized the Hash");
+        return ERROR_SUCCESS;
+    }
+    // Only a hash of the right length meets this check: a resized one has already been accepted
+    // by the search for "384" and "521" alone.
+    pInput->pszVaultAlg = EsAlgorithmOfExactName(pKey->szAlgorithm);
+    if (!pInput->pszVaultAlg) {
+        LogMsg2(L"KestalKeyVaultKSPSignHash Bad Alg", pKey->szAlgorithm, KSP_LOG_FAILURE);
+        return NTE_INVALID_PARAMETER;
+    }
+    pInput->pbData = pbHash;
+    pInput->cbData = cbHash;
+    return ERROR_SUCCESS;
+}
+
+// The signature length a caller without a buffer is told, before anything is signed.
+DWORD SignatureLengthOf(const KVKey &kvKey)
+{
+    if (!kvKey.isEC && kvKey.n_siz)
+        return kvKey.n_siz;
+    if (kvKey.isEC && (kvKey.x_siz == 32 || kvKey.x_siz == 48 || kvKey.x_siz == 66))
+        return kEcSignatureBytes;
+    return kUnknownSignatureBytes;
+}
+
+DWORD RsaPaddingOf(DWORD dwFlags) { return (dwFlags & BCRYPT_PAD_PKCS1) ? BCRYPT_PAD_PKCS1 : BCRYPT_PAD_PSS; }
+
 KVC *ClientOfKey(const KSP_PROVIDER *provider, const KSP_KEY *pKey)
 {
     return pKey->dwMachineKey ? provider->kvcMachine : provider->kvcUser;
@@ -160,11 +231,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
     const KVKey &kvKey = pKey->kvKey;
     if (!pbSignature) {
         LogMsg(L"KestalKeyVaultKSPSignHash pbSignature is NULL - return kvk.n_siz bytes", KSP_LOG_STEP);
-        *pcbResult = kUnknownSignatureBytes;
-        if (!kvKey.isEC && kvKey.n_siz)
-            *pcbResult = kvKey.n_siz;
-        if (kvKey.isEC && (kvKey.x_siz == 32 || kvKey.x_siz == 48 || kvKey.x_siz == 66))
-            *pcbResult = kEcSignatureBytes;
+        *pcbResult = SignatureLengthOf(kvKey);
         return ERROR_SUCCESS;
     }
     if (!pbHashValue) {
@@ -180,53 +247,18 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
               static_cast<int>(cbHashValue), KSP_LOG_STEP);
 
     SignInput input;
-    if ((dwFlags & BCRYPT_PAD_PKCS1) && !kvKey.isEC) {
-        auto *pInfo = static_cast<BCRYPT_PKCS1_PADDING_INFO *>(pPaddingInfo);
-        if (!pInfo || !pInfo->pszAlgId) {
-            LogMsg(L"KestalKeyVaultKSPSignHash pPaddingInfo or pszAlgId NULL", KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
-        }
-        LogMsg2(L"KestalKeyVaultKSPSignHash", pInfo->pszAlgId, KSP_LOG_STEP);
-        if (!MapRsaHash(BCRYPT_PAD_PKCS1, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
-            LogMsg2(L"KestalKeyVaultKSPSignHash Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
-        }
-    } else if ((dwFlags & BCRYPT_PAD_PSS) && !kvKey.isEC) {
-        auto *pInfo = static_cast<BCRYPT_PSS_PADDING_INFO *>(pPaddingInfo);
-        if (!pInfo) {
-            LogMsg(L"KestalKeyVaultKSPSignHash pPaddingInfo NULL", KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
-        }
-        // The vault's PS algorithms fix the salt at the hash length: cbSalt is only reported.
-        LogMsgNum(L"KestalKeyVaultKSPSignHash", pInfo->pszAlgId, static_cast<int>(pInfo->cbSalt), KSP_LOG_STEP);
-        if (!pInfo->pszAlgId) {
-            LogMsg2(L"KestalKeyVaultKSPSignHash", L"phashinfo->pszAlgId == NULL", KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
-        }
-        if (!MapRsaHash(BCRYPT_PAD_PSS, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
-            LogMsg2(L"KestalKeyVaultKSPSignHash Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPSignHash", NTE_NOT_SUPPORTED);
-        }
+    SECURITY_STATUS status = ERROR_SUCCESS;
+    if ((dwFlags & (BCRYPT_PAD_PKCS1 | BCRYPT_PAD_PSS)) && !kvKey.isEC) {
+        status = MapRsaPadding(L"KestalKeyVaultKSPSignHash", true, RsaPaddingOf(dwFlags), pPaddingInfo, pbHashValue,
+                               cbHashValue, &input);
     } else if (dwFlags == 0 && kvKey.isEC) {
-        EcAlgorithm alg = EcAlgorithmOfName(pKey->szAlgorithm);
-        if (cbHashValue != alg.cbHash) {
-            ResizeEcHash(L"KestalKeyVaultKSPSignHash Resize Hash", pKey->szAlgorithm, alg, pbHashValue, cbHashValue,
-                         &input, L"KestalKeyVaultKSPSignHash Resized the Hash");
-        } else {
-            // Only a hash of the right length meets this check: a resized one has already
-            // been accepted by the search for "384" and "521" alone.
-            input.pszVaultAlg = EsAlgorithmOfExactName(pKey->szAlgorithm);
-            if (!input.pszVaultAlg) {
-                LogMsg2(L"KestalKeyVaultKSPSignHash Bad Alg", pKey->szAlgorithm, KSP_LOG_FAILURE);
-                return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_PARAMETER);
-            }
-            input.pbData = pbHashValue;
-            input.cbData = cbHashValue;
-        }
+        status = MapEcSignHash(pKey, pbHashValue, cbHashValue, &input);
     } else {
         LogMsgNum(L"KestalKeyVaultKSPSignHash", L"Bad Flag", static_cast<int>(dwFlags), KSP_LOG_FAILURE);
-        return KspFail(L"KestalKeyVaultKSPSignHash", NTE_INVALID_PARAMETER);
+        status = NTE_INVALID_PARAMETER;
     }
+    if (status != ERROR_SUCCESS)
+        return KspFail(L"KestalKeyVaultKSPSignHash", status);
 
     LogMsg(L"KestalKeyVaultKSPSignHash pbSignature is NOT NULL", KSP_LOG_STEP);
     KVC *kvc = ClientOfKey(provider, pKey);
@@ -237,7 +269,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSignHash(NCRYPT_PROV_HANDLE h
     }
     LogMsg2(L"KestalKeyVaultKSPSignHash algId and Data", input.pszVaultAlg, KSP_LOG_STEP);
     *pcbResult = cbSignature;
-    SECURITY_STATUS status = KVCCryptoOp(kvc, L"sign", kvKey.name, kvKey.version, FALSE, input.pszVaultAlg,
+    status = KVCCryptoOp(kvc, L"sign", kvKey.name, kvKey.version, FALSE, input.pszVaultAlg,
                                          input.pbData, input.cbData, pbSignature, pcbResult);
     if (status == ERROR_SUCCESS)
         status = FitSignature(kvKey, pbSignature, cbSignature, pcbResult);
@@ -274,30 +306,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPVerifySignature(NCRYPT_PROV_H
             input.pbData = pbHashValue;
             input.cbData = cbHashValue;
         }
-    } else if ((dwFlags & BCRYPT_PAD_PKCS1) && !kvKey.isEC) {
-        auto *pInfo = static_cast<BCRYPT_PKCS1_PADDING_INFO *>(pPaddingInfo);
-        if (!pInfo || !pInfo->pszAlgId) {
-            LogMsg(L"KestalKeyVaultKSPVerifySignature pPaddingInfo or pszAlgId NULL", KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
-        }
-        if (!MapRsaHash(BCRYPT_PAD_PKCS1, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
-            LogMsg2(L"KestalKeyVaultKSPVerifySignature Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
-        }
-    } else if ((dwFlags & BCRYPT_PAD_PSS) && !kvKey.isEC) {
-        auto *pInfo = static_cast<BCRYPT_PSS_PADDING_INFO *>(pPaddingInfo);
-        if (!pInfo) {
-            LogMsg(L"KestalKeyVaultKSPVerifySignature pPaddingInfo NULL", KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
-        }
-        if (!pInfo->pszAlgId) {
-            LogMsg2(L"KestalKeyVaultKSPVerifySignature", L"phashinfo->pszAlgId == NULL", KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
-        }
-        if (!MapRsaHash(BCRYPT_PAD_PSS, pInfo->pszAlgId, pbHashValue, cbHashValue, &input)) {
-            LogMsg2(L"KestalKeyVaultKSPVerifySignature Bad Hash Algorithm", pInfo->pszAlgId, KSP_LOG_FAILURE);
-            return KspFail(L"KestalKeyVaultKSPVerifySignature", NTE_NOT_SUPPORTED);
-        }
+    } else if ((dwFlags & (BCRYPT_PAD_PKCS1 | BCRYPT_PAD_PSS)) && !kvKey.isEC) {
+        SECURITY_STATUS status = MapRsaPadding(L"KestalKeyVaultKSPVerifySignature", false, RsaPaddingOf(dwFlags),
+                                               pPaddingInfo, pbHashValue, cbHashValue, &input);
+        if (status != ERROR_SUCCESS)
+            return KspFail(L"KestalKeyVaultKSPVerifySignature", status);
     } else {
         LogMsg(L"KestalKeyVaultKSPVerifySignature Non ECC but not BCRYPT_PAD_PKCS1 or BCRYPT_PAD_PSS",
                KSP_LOG_FAILURE);

@@ -2,6 +2,7 @@
 // store bound to this provider, so that ordinary Windows software that picks such a
 // certificate opens its key through us.
 #include "kvclient/kvc.h"
+#include "support/handles.h"
 
 #include <wincrypt.h>
 
@@ -28,54 +29,14 @@ constexpr DWORD kCertEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 // before the real one arrives: it stands for no usable certificate.
 constexpr WCHAR kPlaceholderSubject[] = L"Dummy Certificate Name";
 
-struct CertContextFree {
-    void operator()(const CERT_CONTEXT *p) const { CertFreeCertificateContext(p); }
-};
-using CertContextPtr = std::unique_ptr<const CERT_CONTEXT, CertContextFree>;
-
-// A system store closed on every way out; Close() reports the result for callers that log it.
-struct CertStore {
-    HCERTSTORE h = nullptr;
-    ~CertStore()
-    {
-        if (h)
-            CertCloseStore(h, 0);
-    }
-    BOOL Close()
-    {
-        BOOL closed = CertCloseStore(h, 0);
-        h = nullptr;
-        return closed;
-    }
-};
+// Closes the store now, for callers that log how that went; the owner is left empty.
+BOOL CloseStore(UniqueCertStore *store) { return CertCloseStore(store->release(), 0); }
 
 HCERTSTORE OpenMyStore(DWORD dwLocation)
 {
     return CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, dwLocation, L"My");
 }
 
-// The two tables KVCGetCerts hands out, each one process-heap block.
-struct HeapTables {
-    WCHAR **names = nullptr;
-    WCHAR **thumbprints = nullptr;
-    ~HeapTables() { Free(); }
-    void Free()
-    {
-        for (WCHAR **table : {names, thumbprints})
-            if (table)
-                HeapFree(GetProcessHeap(), 0, table);
-        names = thumbprints = nullptr;
-    }
-};
-
-struct RegKeyClose {
-    HKEY h = nullptr;
-    ~RegKeyClose()
-    {
-        if (h)
-            RegCloseKey(h);
-    }
-};
 
 // FromKVLastSyncTime; 0 when it is missing or not a REG_DWORD.
 DWORD ReadLastSyncTime()
@@ -98,10 +59,10 @@ std::atomic<DWORD> g_dwUnwrittenSyncTime{0};
 
 void WriteLastSyncTime(DWORD dwValue)
 {
-    RegKeyClose key;
-    LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE | KSP_SETTINGS_VIEW, &key.h);
+    UniqueRegKey key;
+    LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE | KSP_SETTINGS_VIEW, key.put());
     if (rc == ERROR_SUCCESS)
-        rc = RegSetValueExW(key.h, L"FromKVLastSyncTime", 0, REG_DWORD, reinterpret_cast<const BYTE *>(&dwValue),
+        rc = RegSetValueExW(key.get(), L"FromKVLastSyncTime", 0, REG_DWORD, reinterpret_cast<const BYTE *>(&dwValue),
                             sizeof(dwValue));
     if (rc != ERROR_SUCCESS)
         LogMsgError(L"KVCSyncCertsFromKVToMachine Update Time Failed", static_cast<DWORD>(rc), KSP_LOG_WARNING);
@@ -156,26 +117,28 @@ void KVCSyncCertsFromKVToMachine(KVC *kvc)
     LogMsg2(L"KVCSyncCertsFromKVToMachine CertSync", certSync->cStr, KSP_LOG_TRACE);
 
     // A listing cut short still hands back its tables: they are released on every way out.
-    HeapTables tables;
+    WCHAR **ppNames = nullptr, **ppThumbprints = nullptr;
     DWORD count = 0;
-    if (!KVCGetCerts(kvc, &tables.names, &tables.thumbprints, &count)) {
+    const BOOL listed = KVCGetCerts(kvc, &ppNames, &ppThumbprints, &count);
+    UniqueHeapBlock names(ppNames), thumbprints(ppThumbprints); // the two tables KVCGetCerts hands out
+    if (!listed) {
         LogMsg(L"KVCSyncCertsFromKVToMachine KVCGetCerts Failed", KSP_LOG_TRACE);
         return;
     }
     LogMsg(L"KVCSyncCertsFromKVToMachine KVCGetCerts OK", KSP_LOG_TRACE);
-    if (count == 0 || !tables.names || !tables.thumbprints) {
+    if (count == 0 || !ppNames || !ppThumbprints) {
         LogMsgNum(L"KVCSyncCertsFromKVToMachine Count", L"", static_cast<int>(count), KSP_LOG_TRACE);
-        if (!tables.names)
+        if (!ppNames)
             LogMsg(L"KVCSyncCertsFromKVToMachine WCHARCertsArray NULL", KSP_LOG_TRACE);
         return;
     }
 
     bool changed = false;
     for (DWORD i = 0; i < count; i++) {
-        const WCHAR *pszName = tables.names[i];
+        const WCHAR *pszName = ppNames[i];
         LogMsg2(L"KVCSyncCertsFromKVToMachine KVCGetCerts Loop Name", pszName, KSP_LOG_TRACE);
-        LogMsg2(L"KVCSyncCertsFromKVToMachine KVCGetCerts Loop Thumbprint", tables.thumbprints[i], KSP_LOG_TRACE);
-        BldStrPtr hex = ThumbprintHex(tables.thumbprints[i]);
+        LogMsg2(L"KVCSyncCertsFromKVToMachine KVCGetCerts Loop Thumbprint", ppThumbprints[i], KSP_LOG_TRACE);
+        BldStrPtr hex = ThumbprintHex(ppThumbprints[i]);
         // Pulled once: a certificate removed from the store stays away while CertSync names it.
         if (!hex || wcsstr(certSync->cStr, hex->cStr))
             continue;
@@ -185,7 +148,8 @@ void KVCSyncCertsFromKVToMachine(KVC *kvc)
     }
 
     LogMsg(L"KVCGetCertsFree", KSP_LOG_STEP);
-    tables.Free();
+    names.reset();
+    thumbprints.reset();
     if (changed) {
         LogMsg2(L"KVCSyncCertsFromKVToMachine Save Changed", certSync->cStr, KSP_LOG_TRACE);
         KestalRegSetString(TRUE, L"CertSync", certSync->cStr);
@@ -200,23 +164,22 @@ BOOL KVCPropogateCertificateFromKeyVault(const WCHAR *pszName, DWORD, DATA_BLOB 
         return FALSE;
     }
     {
-        CertContextPtr cert(CertCreateCertificateContext(kCertEncoding, pCert->pbData, pCert->cbData));
+        UniqueCertContext cert(CertCreateCertificateContext(kCertEncoding, pCert->pbData, pCert->cbData));
         if (!cert) {
             LogMsgError(L"KVCPropogateCertificateFromKeyVault CertCreateCertificateContext Failed", GetLastError(),
                         KSP_LOG_FAILURE);
             return FALSE;
         }
         WCHAR szSubject[kSubjectChars] = {};
-        CertNameToStrW(X509_ASN_ENCODING, &cert->pCertInfo->Subject, CERT_SIMPLE_NAME_STR, szSubject, kSubjectChars);
+        CertNameToStrW(X509_ASN_ENCODING, &cert.get()->pCertInfo->Subject, CERT_SIMPLE_NAME_STR, szSubject, kSubjectChars);
         if (wcsstr(szSubject, kPlaceholderSubject)) {
             LogMsg(L"KVCPropogateCertificateFromKeyVault Found Dummy Cert", KSP_LOG_TRACE);
             return TRUE;
         }
     }
 
-    CertStore store;
-    store.h = OpenMyStore(CERT_SYSTEM_STORE_LOCAL_MACHINE);
-    if (!store.h) {
+    UniqueCertStore store(OpenMyStore(CERT_SYSTEM_STORE_LOCAL_MACHINE));
+    if (!store) {
         LogMsgError(L"KVCPropogateCertificateFromKeyVault CertOpenStore FAILED", GetLastError(), KSP_LOG_FAILURE);
         return FALSE;
     }
@@ -224,12 +187,12 @@ BOOL KVCPropogateCertificateFromKeyVault(const WCHAR *pszName, DWORD, DATA_BLOB 
 
     BOOL result = FALSE;
     PCCERT_CONTEXT pAdded = nullptr;
-    if (!CertAddEncodedCertificateToStore(store.h, kCertEncoding, pCert->pbData, pCert->cbData,
+    if (!CertAddEncodedCertificateToStore(store.get(), kCertEncoding, pCert->pbData, pCert->cbData,
                                           CERT_STORE_ADD_USE_EXISTING, &pAdded)) {
         LogMsgError(L"KVCPropogateCertificateFromKeyVault CertAddEncodedCertificateToStore FAILED", GetLastError(),
                     KSP_LOG_FAILURE);
     } else {
-        CertContextPtr added(pAdded);
+        UniqueCertContext added(pAdded);
         LogMsg(L"KVCPropogateCertificateFromKeyVault Certificate Added to Store OK", KSP_LOG_TRACE);
         CRYPT_KEY_PROV_INFO provInfo = {};
         provInfo.pwszContainerName = const_cast<LPWSTR>(pszName);
@@ -243,7 +206,7 @@ BOOL KVCPropogateCertificateFromKeyVault(const WCHAR *pszName, DWORD, DATA_BLOB 
                         KSP_LOG_FAILURE);
         }
     }
-    if (!store.Close()) {
+    if (!CloseStore(&store)) {
         LogMsgError(L"KVCPropogateCertificateFromKeyVault CertCloseStore FAILED", GetLastError(), KSP_LOG_FAILURE);
         return FALSE;
     }
@@ -260,9 +223,8 @@ BOOL KVCEvaluateCertsInStore(BOOL fUser, const WCHAR *pszName, BYTE *pbCert, DWO
         return FALSE;
     }
 
-    CertStore store;
-    store.h = OpenMyStore(fUser ? CERT_SYSTEM_STORE_CURRENT_USER : CERT_SYSTEM_STORE_LOCAL_MACHINE);
-    if (!store.h) {
+    UniqueCertStore store(OpenMyStore(fUser ? CERT_SYSTEM_STORE_CURRENT_USER : CERT_SYSTEM_STORE_LOCAL_MACHINE));
+    if (!store) {
         LogMsgError(L"KVCEvaluateCertsInStore CertOpenStore Failed", GetLastError(), KSP_LOG_TRACE);
         return FALSE;
     }
@@ -271,8 +233,8 @@ BOOL KVCEvaluateCertsInStore(BOOL fUser, const WCHAR *pszName, BYTE *pbCert, DWO
     DWORD cbKept = 0;
     FILETIME ftKept = {};
     bool kept = false;
-    for (PCCERT_CONTEXT cert = CertEnumCertificatesInStore(store.h, nullptr); cert;
-         cert = CertEnumCertificatesInStore(store.h, cert)) {
+    for (PCCERT_CONTEXT cert = CertEnumCertificatesInStore(store.get(), nullptr); cert;
+         cert = CertEnumCertificatesInStore(store.get(), cert)) {
         alignas(CRYPT_KEY_PROV_INFO) BYTE provInfoBytes[kProvInfoBytes];
         DWORD cbProvInfo = sizeof(provInfoBytes);
         if (!CertGetCertificateContextProperty(cert, CERT_KEY_PROV_INFO_PROP_ID, provInfoBytes, &cbProvInfo)) {
@@ -305,7 +267,7 @@ BOOL KVCEvaluateCertsInStore(BOOL fUser, const WCHAR *pszName, BYTE *pbCert, DWO
         kept = true;
     }
 
-    if (!store.Close())
+    if (!CloseStore(&store))
         LogMsgError(L"KVCEvaluateCertsInStore CertCloseStore Failed", GetLastError(), KSP_LOG_TRACE);
     if (!kept) {
         LogMsg2(L"KVCEvaluateCertsInStore Failed to find certificate", L"Blob", KSP_LOG_TRACE);

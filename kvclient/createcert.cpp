@@ -7,6 +7,7 @@
 // caller (FreeKey publishing the store's certificate of an existing vault key) is merged as it
 // is, the vault being told to keep the key it already has.
 #include "kvclient/kvc.h"
+#include "support/handles.h"
 #include "kvclient/kvjson.h"
 
 #include <wincrypt.h>
@@ -33,24 +34,6 @@ constexpr __time64_t kFiftyYears = 18262LL * 24 * 3600; // the policy's 600 mont
 constexpr WCHAR kPlaceholderSubject[] = L"CN=Dummy Certificate Name";
 // How a standard-tier vault has been seen to refuse an HSM certificate key besides a 403.
 constexpr char kHsmRefusalText[] = "kty RSA-HSM";
-
-// What crypt32 hands out with CRYPT_DECODE_ALLOC_FLAG / CRYPT_ENCODE_ALLOC_FLAG.
-struct LocalFreeDelete {
-    void operator()(void *p) const { LocalFree(p); }
-};
-template <typename T> using LocalPtr = std::unique_ptr<T, LocalFreeDelete>;
-
-struct NCryptObject {
-    NCRYPT_HANDLE h = 0;
-    NCryptObject() = default;
-    NCryptObject(const NCryptObject &) = delete;
-    NCryptObject &operator=(const NCryptObject &) = delete;
-    ~NCryptObject()
-    {
-        if (h)
-            NCryptFreeObject(h);
-    }
-};
 
 bool Cat(BldStr *pstr, std::initializer_list<const WCHAR *> pieces)
 {
@@ -95,12 +78,6 @@ char *CertificateBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength,
     return WStrToUtf8(body->cStr);
 }
 
-void LogNarrow(const WCHAR *pszMessage, const char *pszText, int level)
-{
-    BldStrPtr text(BldStrNewStrFromAscii(pszText ? pszText : ""));
-    LogMsg2(pszMessage, text ? text->cStr : nullptr, level);
-}
-
 // Creates the pending certificate: 1 once the vault answered 202.
 int CreatePending(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedName, const WCHAR *pszAlgorithm,
                   DWORD dwKeyBitLength, bool fExportable, bool fReuseKey, KVC_ANSWER *pAnswer)
@@ -124,7 +101,7 @@ int CreatePending(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedNa
         if (status == kHttpAccepted)
             return 1;
         if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {
-            LogNarrow(L"KVCLowLevelCreateKeyCertificate HSM Key Failed - detail error", pAnswer->body,
+            LogMsgExcerpt(L"KVCLowLevelCreateKeyCertificate HSM Key Failed - detail error", pAnswer->body,
                       KSP_LOG_WARNING);
             const bool fRefused = status == kHttpForbidden ||
                                   (status == kHttpBadRequest && pAnswer->body &&
@@ -163,20 +140,22 @@ FILETIME ToFileTime(__time64_t t)
 }
 
 // A throw-away RSA key of the software provider: ephemeral (no name), so nothing is stored.
-bool MakeThrowAwayKey(NCryptObject *provider, NCryptObject *key)
+bool MakeThrowAwayKey(UniqueNCrypt *provider, UniqueNCrypt *key)
 {
     DWORD dwLength = kThrowAwayKeyBits;
-    if (NCryptOpenStorageProvider(&provider->h, MS_KEY_STORAGE_PROVIDER, 0) != ERROR_SUCCESS) {
+    if (NCryptOpenStorageProvider(reinterpret_cast<NCRYPT_PROV_HANDLE *>(provider->put()), MS_KEY_STORAGE_PROVIDER,
+                                  0) != ERROR_SUCCESS) {
         LogMsg(L"KVCLowLevelCreateKeyCertificate NCryptOpenStorageProvider Failed", KSP_LOG_FAILURE);
         return false;
     }
-    if (NCryptCreatePersistedKey(provider->h, &key->h, BCRYPT_RSA_ALGORITHM, nullptr, 0, 0) != ERROR_SUCCESS) {
+    if (NCryptCreatePersistedKey(provider->get(), reinterpret_cast<NCRYPT_KEY_HANDLE *>(key->put()),
+                                 BCRYPT_RSA_ALGORITHM, nullptr, 0, 0) != ERROR_SUCCESS) {
         LogMsg(L"KVCLowLevelCreateKeyCertificate NCryptCreatePersistedKey Failed", KSP_LOG_FAILURE);
         return false;
     }
-    if (NCryptSetProperty(key->h, NCRYPT_LENGTH_PROPERTY, reinterpret_cast<BYTE *>(&dwLength), sizeof(dwLength), 0) !=
-            ERROR_SUCCESS ||
-        NCryptFinalizeKey(key->h, 0) != ERROR_SUCCESS) {
+    if (NCryptSetProperty(key->get(), NCRYPT_LENGTH_PROPERTY, reinterpret_cast<BYTE *>(&dwLength), sizeof(dwLength),
+                          0) != ERROR_SUCCESS ||
+        NCryptFinalizeKey(key->get(), 0) != ERROR_SUCCESS) {
         LogMsg(L"KVCLowLevelCreateKeyCertificate NCryptFinalizeKey Failed", KSP_LOG_FAILURE);
         return false;
     }
@@ -235,7 +214,9 @@ bool FindRequestKey(const CRYPT_DER_BLOB &requestInfo, const BYTE **ppbKey, DWOR
 // text). crypt32's sign-and-encode helpers do not take NCrypt keys everywhere, so the
 // certificate is put together by hand: encode the to-be-signed part, hash it, sign the hash
 // with PKCS#1 v1.5, encode the signed whole.
-BYTE *MakePlaceholder(const char *pszCsr, DWORD *pcbCert)
+// The public key of the vault's certificate signing request (base64 DER); null, logged, when the
+// request or its key cannot be read.
+LocalPtr<CERT_PUBLIC_KEY_INFO> RequestPublicKey(const char *pszCsr)
 {
     DWORD cbCsr = 0;
     CallocPtr<BYTE> csr(FromBase64(pszCsr, &cbCsr));
@@ -256,8 +237,19 @@ BYTE *MakePlaceholder(const char *pszCsr, DWORD *pcbCert)
         LogMsg(L"KVCLowLevelCreateKeyCertificate csr Public Key Decode Failed", KSP_LOG_FAILURE);
         return nullptr;
     }
-    LocalPtr<CERT_PUBLIC_KEY_INFO> keyInfo(pKeyInfo);
+    return LocalPtr<CERT_PUBLIC_KEY_INFO>(pKeyInfo);
+}
 
+// sha256WithRSAEncryption with the NULL parameters RFC 4055 asks for.
+BYTE g_NullParameters[] = {0x05, 0x00};
+const CRYPT_ALGORITHM_IDENTIFIER kSha256WithRsa = {const_cast<char *>(szOID_RSA_SHA256RSA),
+                                                   {sizeof(g_NullParameters), g_NullParameters}};
+
+// The to-be-signed part of the placeholder: self-issued for the fixed subject, a random serial,
+// valid from ten minutes ago for fifty years, over the request's public key. Null, logged, on
+// failure; *pcbTbs receives the length.
+LocalPtr<BYTE> EncodePlaceholderInfo(const CERT_PUBLIC_KEY_INFO &keyInfo, DWORD *pcbTbs)
+{
     BYTE name[128];
     DWORD cbName = sizeof(name);
     if (!CertStrToNameW(X509_ASN_ENCODING, kPlaceholderSubject, CERT_X500_NAME_STR, nullptr, name, &cbName,
@@ -272,54 +264,63 @@ BYTE *MakePlaceholder(const char *pszCsr, DWORD *pcbCert)
         return nullptr;
     }
     serial[15] = static_cast<BYTE>((serial[15] & 0x7f) | 0x40);
-    // sha256WithRSAEncryption with the NULL parameters RFC 4055 asks for.
-    static BYTE nullParameters[] = {0x05, 0x00};
-    CRYPT_ALGORITHM_IDENTIFIER signatureAlgorithm = {const_cast<char *>(szOID_RSA_SHA256RSA),
-                                                     {sizeof(nullParameters), nullParameters}};
     const __time64_t now = KspTime();
     CERT_INFO info = {};
     info.dwVersion = CERT_V3;
     info.SerialNumber = {sizeof(serial), serial};
-    info.SignatureAlgorithm = signatureAlgorithm;
+    info.SignatureAlgorithm = kSha256WithRsa;
     info.Issuer = {cbName, name};
     info.Subject = {cbName, name};
     info.NotBefore = ToFileTime(now - kTenMinutes);
     info.NotAfter = ToFileTime(now + kFiftyYears);
-    info.SubjectPublicKeyInfo = *keyInfo;
-
+    info.SubjectPublicKeyInfo = keyInfo;
     BYTE *pbTbs = nullptr;
-    DWORD cbTbs = 0;
     if (!CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT_TO_BE_SIGNED, &info, CRYPT_ENCODE_ALLOC_FLAG, nullptr,
-                             &pbTbs, &cbTbs)) {
+                             &pbTbs, pcbTbs)) {
         LogMsg(L"KVCLowLevelCreateKeyCertificate CryptEncodeObjectEx ToBeSigned Failed", KSP_LOG_FAILURE);
         return nullptr;
     }
-    LocalPtr<BYTE> tbs(pbTbs);
+    return LocalPtr<BYTE>(pbTbs);
+}
+
+// Signs the to-be-signed bytes with a throw-away key, in the little-endian order CryptoAPI
+// encodes signatures from. The signature's length, or 0 (logged).
+DWORD SignWithThrowAwayKey(const BYTE *pbTbs, DWORD cbTbs, BYTE (&signature)[kThrowAwayKeyBits / 8])
+{
     BYTE hash[32];
     DWORD cbHash = sizeof(hash);
     if (!CryptHashCertificate2(BCRYPT_SHA256_ALGORITHM, 0, nullptr, pbTbs, cbTbs, hash, &cbHash)) {
         LogMsg(L"KVCLowLevelCreateKeyCertificate CryptHashCertificate2 Failed", KSP_LOG_FAILURE);
-        return nullptr;
+        return 0;
     }
-
-    NCryptObject provider, key;
+    UniqueNCrypt provider, key;
     if (!MakeThrowAwayKey(&provider, &key))
-        return nullptr;
+        return 0;
     BCRYPT_PKCS1_PADDING_INFO padding = {BCRYPT_SHA256_ALGORITHM};
-    BYTE signature[kThrowAwayKeyBits / 8];
     DWORD cbSignature = 0;
-    if (NCryptSignHash(key.h, &padding, hash, cbHash, signature, sizeof(signature), &cbSignature, BCRYPT_PAD_PKCS1) !=
-        ERROR_SUCCESS) {
+    if (NCryptSignHash(key.get(), &padding, hash, cbHash, signature, sizeof(signature), &cbSignature,
+                       BCRYPT_PAD_PKCS1) != ERROR_SUCCESS) {
         LogMsg(L"KVCLowLevelCreateKeyCertificate NCryptSignHash Failed", KSP_LOG_FAILURE);
-        return nullptr;
+        return 0;
     }
-    // CryptoAPI takes signatures little-endian and reverses them as it encodes.
     for (DWORD i = 0; i < cbSignature / 2; i++) {
         BYTE b = signature[i];
         signature[i] = signature[cbSignature - 1 - i];
         signature[cbSignature - 1 - i] = b;
     }
-    CERT_SIGNED_CONTENT_INFO signedCert = {{cbTbs, pbTbs}, signatureAlgorithm, {cbSignature, signature, 0}};
+    return cbSignature;
+}
+
+BYTE *MakePlaceholder(const char *pszCsr, DWORD *pcbCert)
+{
+    LocalPtr<CERT_PUBLIC_KEY_INFO> keyInfo = RequestPublicKey(pszCsr);
+    DWORD cbTbs = 0;
+    LocalPtr<BYTE> tbs = keyInfo ? EncodePlaceholderInfo(*keyInfo, &cbTbs) : nullptr;
+    BYTE signature[kThrowAwayKeyBits / 8];
+    const DWORD cbSignature = tbs ? SignWithThrowAwayKey(tbs.get(), cbTbs, signature) : 0;
+    if (!cbSignature)
+        return nullptr;
+    CERT_SIGNED_CONTENT_INFO signedCert = {{cbTbs, tbs.get()}, kSha256WithRsa, {cbSignature, signature, 0}};
     BYTE *pbCert = nullptr;
     if (!CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT, &signedCert, CRYPT_ENCODE_ALLOC_FLAG, nullptr, &pbCert,
                              pcbCert)) {
@@ -366,7 +367,7 @@ int MergeCertificate(KVC *kvc, const WCHAR *pszEncodedName, const WCHAR *pszCert
                                  body.get(), L"7.0"};
     if (body && KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == kHttpCreated)
         return 1;
-    LogNarrow(L"KVCLowLevelCreateKeyCertificate Merge Failed - detail error", answer.body, KSP_LOG_FAILURE);
+    LogMsgExcerpt(L"KVCLowLevelCreateKeyCertificate Merge Failed - detail error", answer.body, KSP_LOG_FAILURE);
     LogMsgError(L"KVCLowLevelCreateKeyCertificate Merge Failed", answer.status, KSP_LOG_FAILURE);
     return 0;
 }

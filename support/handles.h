@@ -9,6 +9,8 @@
 #include <wincrypt.h>
 #include <winhttp.h>
 
+#include <memory>
+
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
@@ -85,3 +87,9 @@ using UniqueHeapBlock = UniqueHandle<void *, &handle_release::ProcessHeap>;
 using UniqueCallocText = UniqueHandle<WCHAR *, &handle_release::Calloc>;
 using UniqueWipedText = UniqueHandle<WCHAR *, &handle_release::WipedWide>;
 using UniqueWipedBytes = UniqueHandle<char *, &handle_release::WipedNarrow>;
+
+// A typed block that crypt32 hands out with CRYPT_DECODE_ALLOC_FLAG or CRYPT_ENCODE_ALLOC_FLAG.
+struct LocalFreeDelete {
+    void operator()(void *p) const { LocalFree(p); }
+};
+template <typename T> using LocalPtr = std::unique_ptr<T, LocalFreeDelete>;
