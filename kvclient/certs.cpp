@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr DWORD kHttpOk = 200;
-constexpr DWORD kHttpTooManyRequests = 429;
 constexpr size_t kSlotChars = 128;
 // One table entry: its pointer and the slot the pointer points at.
 constexpr size_t kEntryBytes = sizeof(WCHAR *) + kSlotChars * sizeof(WCHAR);
@@ -170,7 +168,7 @@ BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCo
         const KVC_REQUEST request = {pszNextLink, KVC_COLLECTION_CERTIFICATES, nullptr, L"GET",
                                      nullptr,     nullptr,                     nullptr};
         KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer);
-        if (answer.status != kHttpOk && answer.status != kHttpTooManyRequests) {
+        if (answer.status != KVC_HTTP_OK && answer.status != KVC_HTTP_TOO_MANY_REQUESTS) {
             LogMsgError(L"KVCGetCerts REST Call Error", answer.status, KSP_LOG_FAILURE);
             free(pszNextLink);
             return FALSE;
@@ -195,7 +193,7 @@ BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCo
     *ppNames = names;
     *ppThumbprints = thumbprints;
     LogMsg(L"KVCGetCerts Complete", KSP_LOG_STEP);
-    return answer.status == kHttpOk;
+    return answer.status == KVC_HTTP_OK;
 }
 
 BOOL KVCGetCert(KVC *kvc, const WCHAR *pszCertName, DATA_BLOB *pBlob)
@@ -217,7 +215,7 @@ BOOL KVCGetCert(KVC *kvc, const WCHAR *pszCertName, DATA_BLOB *pBlob)
     DWORD dwWaitMs = policy.dwFirstWaitMs;
     const KVC_REQUEST request = {nullptr, dwCollection, pszCertName, L"GET", nullptr, nullptr, nullptr};
     KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer);
-    if (answer.status != kHttpOk && answer.status != kHttpTooManyRequests) {
+    if (answer.status != KVC_HTTP_OK && answer.status != KVC_HTTP_TOO_MANY_REQUESTS) {
         LogMsgError(L"KVCGetCert REST Call Error", answer.status, KSP_LOG_FAILURE);
         return FALSE;
     }

@@ -12,12 +12,6 @@
 
 namespace {
 
-constexpr DWORD kHttpOk = 200;
-constexpr DWORD kHttpBadRequest = 400;
-constexpr DWORD kHttpForbidden = 403;
-constexpr DWORD kHttpGone = 410;
-constexpr DWORD kHttpTooManyRequests = 429;
-
 using NarrowText = std::unique_ptr<char, FreeDelete>;
 
 bool Cat(BldStr *pstr, std::initializer_list<const WCHAR *> pieces)
@@ -60,9 +54,9 @@ char *PlainKeyBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength, co
 // outlasted the waits) made no key, and its error body must not pass for one.
 int CreatedKey(DWORD dwStatus, const char *pszAnswer, const WCHAR *pszEncodedName, KVKey *pKey)
 {
-    if (dwStatus == kHttpOk && KVCParseJSONKey(pszEncodedName, pszAnswer, pKey) && KVCKeyMaterialUsable(pKey))
+    if (dwStatus == KVC_HTTP_OK && KVCParseJSONKey(pszEncodedName, pszAnswer, pKey) && KVCKeyMaterialUsable(pKey))
         return 1;
-    if (dwStatus == kHttpOk)
+    if (dwStatus == KVC_HTTP_OK)
         KVCFreeKVKey(pKey);
     LogMsgError(L"KVCLowLevelCreateKey Failed", dwStatus, KSP_LOG_FAILURE);
     return 0;
@@ -129,23 +123,23 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
         if (body && !KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer))
             LogMsgError(L"KVCLowLevelCreateKey REST Call Error", answer.status, KSP_LOG_FAILURE);
         const DWORD status = answer.status;
-        if (kvc->fManagedHsm && status != kHttpOk) {
+        if (kvc->fManagedHsm && status != KVC_HTTP_OK) {
             // A Managed HSM holds HSM keys only: there a refusal, or throttling that outlasted
             // the waits, is a failure and never a software key.
             LogMsgError(L"KVCLowLevelCreateKey Managed HSM Key Failed", status, KSP_LOG_FAILURE);
             return 0;
         }
-        if (status == kHttpTooManyRequests)
+        if (status == KVC_HTTP_TOO_MANY_REQUESTS)
             break; // still throttled: no key was made
-        if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {
+        if (fHsm && status >= KVC_HTTP_BAD_REQUEST && status <= KVC_HTTP_GONE) {
             LogMsgError(L"KVCLowLevelCreateKey HSM Key Failed - retry with software key", status, KSP_LOG_WARNING);
             fHsm = false;
-            if (status == kHttpForbidden && dwWaitMs <= policy.dwThrottleMaxWaitMs)
+            if (status == KVC_HTTP_FORBIDDEN && dwWaitMs <= policy.dwThrottleMaxWaitMs)
                 continue;
             // Only a 403 earns the software request; any other refusal made no key.
             break;
         }
-        if (status == kHttpOk)
+        if (status == KVC_HTTP_OK)
             break;
         LogMsgError(L"KVCLowLevelCreateKey Failed", status, KSP_LOG_FAILURE);
         return 0;
@@ -161,7 +155,7 @@ int KVCImportKey(KVC *kvc, const WCHAR *pszEncodedName, const char *pszBody, KVK
     const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KspImportPrivateKeyToVault ActionThrottled", TRUE);
     DWORD dwWaitMs = policy.dwFirstWaitMs;
     const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, pszEncodedName, L"PUT", nullptr, pszBody, L"7.0"};
-    if (!KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) || answer.status != kHttpOk) {
+    if (!KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) || answer.status != KVC_HTTP_OK) {
         LogMsgError(L"KspImportPrivateKeyToVault Failed", answer.status, KSP_LOG_FAILURE);
         return 0;
     }

@@ -23,11 +23,6 @@
 
 namespace {
 
-constexpr DWORD kHttpCreated = 201;
-constexpr DWORD kHttpAccepted = 202;
-constexpr DWORD kHttpBadRequest = 400;
-constexpr DWORD kHttpForbidden = 403;
-constexpr DWORD kHttpGone = 410;
 constexpr DWORD kThrowAwayKeyBits = 2048;
 constexpr __time64_t kTenMinutes = 600;
 constexpr __time64_t kFiftyYears = 18262LL * 24 * 3600; // the policy's 600 months
@@ -98,13 +93,13 @@ int CreatePending(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEncodedNa
         if (body)
             KVCVaultCall(kvc, &request, &policy, &dwWaitMs, pAnswer);
         const DWORD status = pAnswer->status;
-        if (status == kHttpAccepted)
+        if (status == KVC_HTTP_ACCEPTED)
             return 1;
-        if (fHsm && status >= kHttpBadRequest && status <= kHttpGone) {
+        if (fHsm && status >= KVC_HTTP_BAD_REQUEST && status <= KVC_HTTP_GONE) {
             LogMsgExcerpt(L"KVCLowLevelCreateKeyCertificate HSM Key Failed - detail error", pAnswer->body,
                       KSP_LOG_WARNING);
-            const bool fRefused = status == kHttpForbidden ||
-                                  (status == kHttpBadRequest && pAnswer->body &&
+            const bool fRefused = status == KVC_HTTP_FORBIDDEN ||
+                                  (status == KVC_HTTP_BAD_REQUEST && pAnswer->body &&
                                    strstr(pAnswer->body, kHsmRefusalText));
             if (fRefused && dwWaitMs <= policy.dwThrottleMaxWaitMs) {
                 LogMsgError(L"KVCLowLevelCreateKeyCertificate HSM Key Failed - retry with software key", status,
@@ -365,7 +360,7 @@ int MergeCertificate(KVC *kvc, const WCHAR *pszEncodedName, const WCHAR *pszCert
     DWORD dwWaitMs = policy.dwFirstWaitMs;
     const KVC_REQUEST request = {nullptr, KVC_COLLECTION_CERTIFICATES, pszEncodedName, L"POST", L"pending/merge",
                                  body.get(), L"7.0"};
-    if (body && KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == kHttpCreated)
+    if (body && KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == KVC_HTTP_CREATED)
         return 1;
     LogMsgExcerpt(L"KVCLowLevelCreateKeyCertificate Merge Failed - detail error", answer.body, KSP_LOG_FAILURE);
     LogMsgError(L"KVCLowLevelCreateKeyCertificate Merge Failed", answer.status, KSP_LOG_FAILURE);

@@ -8,9 +8,6 @@
 
 namespace {
 
-constexpr DWORD kHttpOk = 200;
-constexpr DWORD kHttpTooManyRequests = 429;
-
 // Standard base64 of the bytes, or null when there are none or they cannot be encoded.
 struct Base64Text {
     WCHAR *psz;
@@ -88,7 +85,7 @@ SECURITY_STATUS KVCCryptoOp(KVC *kvc, const WCHAR *pszAction, const WCHAR *pszKe
         LogMsgError(L"KVCCryptoOp KVCDoKVRESTCall Error", reply.status, KSP_LOG_FAILURE);
         return NTE_FAIL;
     }
-    if (reply.status != kHttpOk && reply.status != kHttpTooManyRequests) {
+    if (reply.status != KVC_HTTP_OK && reply.status != KVC_HTTP_TOO_MANY_REQUESTS) {
         LogMsgError(L"KVCCryptoOp Failed", reply.status, KSP_LOG_FAILURE);
         return NTE_FAIL;
     }

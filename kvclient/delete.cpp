@@ -7,11 +7,6 @@
 
 namespace {
 
-constexpr DWORD kHttpOk = 200;
-constexpr DWORD kHttpNoContent = 204;
-constexpr DWORD kHttpConflict = 409;
-constexpr DWORD kHttpTooManyRequests = 429;
-
 // How a deletion waits out 409 (the vault still finishing an operation on the object) and 429.
 // One wait counter serves the delete and the purge alike: it is never reset in between, and
 // every 409 or 429 sleeps it (while within the 429 bound) and doubles it before the status
@@ -73,8 +68,8 @@ int DeleteUntilSettled(KVC *kvc, const DELETE_KIND &kind, const WCHAR *pszEncode
                                  nullptr,      nullptr,           pszPurgePath ? nullptr : L"7.0"};
     ScopedAnswer answer;
     if (KVCVaultCall(kvc, &request, &policy, pdwWaitMs, &answer))
-        return answer.status == kHttpOk || answer.status == kHttpNoContent ? 1 : 0;
-    if (answer.status != kHttpConflict && answer.status != kHttpTooManyRequests)
+        return answer.status == KVC_HTTP_OK || answer.status == KVC_HTTP_NO_CONTENT ? 1 : 0;
+    if (answer.status != KVC_HTTP_CONFLICT && answer.status != KVC_HTTP_TOO_MANY_REQUESTS)
         LogMsgError(pszPurgePath ? kind.pszPurgeFailedMsg : kind.pszFailedMsg, answer.status, KSP_LOG_FAILURE);
     return 0;
 }

@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr DWORD kHttpOk = 200;
-constexpr DWORD kHttpTooManyRequests = 429;
 constexpr char kKeysPathMarker[] = "/keys?";
 
 void FreeNames(WCHAR **ppNames, DWORD cNames)
@@ -110,7 +108,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
         const KVC_REQUEST request = {pszNextPath, KVC_COLLECTION_KEYS, nullptr, L"GET", nullptr, nullptr, nullptr};
         if (!KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer))
             LogMsgError(L"KVCGetKeys REST Call Error", answer.status, KSP_LOG_FAILURE);
-        if (answer.status != kHttpOk && answer.status != kHttpTooManyRequests) {
+        if (answer.status != KVC_HTTP_OK && answer.status != KVC_HTTP_TOO_MANY_REQUESTS) {
             free(pszNextPath);
             return 0; // the names of earlier pages go with the list
         }
@@ -150,7 +148,7 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
     *pcCount = list.cNames;
     list.ppNames = nullptr;
     list.cNames = 0;
-    return answer.status == kHttpOk && !list.fOutOfMemory ? 1 : 0;
+    return answer.status == KVC_HTTP_OK && !list.fOutOfMemory ? 1 : 0;
 }
 
 int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
@@ -174,7 +172,7 @@ int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
     const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetKey KVCDoKVRESTCall ActionThrottled", TRUE);
     DWORD dwWaitMs = policy.dwFirstWaitMs;
     const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, szEncoded, L"GET", nullptr, nullptr, nullptr};
-    if (KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == kHttpOk) {
+    if (KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == KVC_HTTP_OK) {
         result = KVCParseJSONKey(szEncoded, answer.body, pKey);
         if (!result)
             LogMsg2(L"KVCGetKey KVCParseJSONKey Failed", szEncoded, KSP_LOG_FAILURE);

@@ -57,6 +57,19 @@ struct KVC {
     WCHAR *pszIdentity;    // calloc'd: whose token this is, for sharing it (KVCSharedTokenTake)
 };
 
+// The HTTP statuses the vault operations tell apart. (WinHTTP's header names most of them but
+// cannot be included beside WinINet's, which sign-in needs.)
+inline constexpr DWORD KVC_HTTP_OK = 200;
+inline constexpr DWORD KVC_HTTP_CREATED = 201;
+inline constexpr DWORD KVC_HTTP_ACCEPTED = 202;
+inline constexpr DWORD KVC_HTTP_NO_CONTENT = 204;
+inline constexpr DWORD KVC_HTTP_BAD_REQUEST = 400;
+inline constexpr DWORD KVC_HTTP_UNAUTHORIZED = 401;
+inline constexpr DWORD KVC_HTTP_FORBIDDEN = 403;
+inline constexpr DWORD KVC_HTTP_CONFLICT = 409;
+inline constexpr DWORD KVC_HTTP_GONE = 410;
+inline constexpr DWORD KVC_HTTP_TOO_MANY_REQUESTS = 429;
+
 // What one REST call produced. It belongs to the call that made it, never to the client, so
 // that one thread never reads another's answer (a decryption's answer is its plaintext).
 struct KVC_ANSWER {

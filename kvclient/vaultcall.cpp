@@ -5,18 +5,14 @@
 
 namespace {
 
-constexpr DWORD kHttpUnauthorized = 401;
-constexpr DWORD kHttpConflict = 409;
-constexpr DWORD kHttpTooManyRequests = 429;
-
 bool IsSuccess(DWORD status) { return status == 200 || status == 201 || status == 202 || status == 204; }
 
 // The bound of a status the policy retries; 0 for a status it does not.
 DWORD RetryBound(const KVC_RETRY_POLICY *pPolicy, DWORD status)
 {
-    if (status == kHttpTooManyRequests)
+    if (status == KVC_HTTP_TOO_MANY_REQUESTS)
         return pPolicy->dwThrottleMaxWaitMs;
-    if (status == kHttpConflict)
+    if (status == KVC_HTTP_CONFLICT)
         return pPolicy->dwConflictMaxWaitMs;
     return 0;
 }
@@ -71,7 +67,7 @@ int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *
             return 1;
         // A token the vault no longer takes (revoked, or expired earlier than it said) costs one
         // new sign-in and one repeat, never more: a vault that refuses every token is final.
-        if (status == kHttpUnauthorized && !fSignedInAgain) {
+        if (status == KVC_HTTP_UNAUTHORIZED && !fSignedInAgain) {
             fSignedInAgain = true;
             LogMsg(L"KVCVaultCall token refused - sign in again", KSP_LOG_WARNING);
             KVCDropToken(kvc, pAnswer->tokenGeneration);
