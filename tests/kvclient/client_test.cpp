@@ -59,20 +59,9 @@ TEST(Kvc, VaultNamePatternsExpandAndReduce)
     EXPECT_EQ(KVCNew(nullptr, 1, L"t", L"c", L"s", L"", TRUE, 1, 1, 0), nullptr);
 }
 
-TEST(Kvc, AuthenticationTypeZeroIsOneAndTheLoginUrlIsThePublicAuthorityAndTenant)
+TEST(Kvc, AuthenticationTypeZeroIsOne)
 {
     EXPECT_EQ(NewClient(L"v", 0)->authn, 1u);
     EXPECT_EQ(NewClient(L"v", 1)->authn, 1u);
     EXPECT_EQ(NewClient(L"v", 3)->authn, 3u);
-
-    KvcOwner kvc = NewClient(L"v");
-    for (int twice = 0; twice < 2; ++twice) { // rebuilt the same
-        EXPECT_EQ(KVCGetLoginUrl(kvc.get()), 1);
-        EXPECT_STREQ(kvc->loginUrl->cStr, L"https://login.microsoftonline.com/tenant-1");
-        EXPECT_STREQ(kvc->resource->cStr, L"https://vault.azure.net");
-    }
-    kvc->accessToken = BldStrNewStr(L"token-value"); // released with the rest
-    kvc->tokenType = BldStrNewStr(L"Bearer");
-    KVCDelete(kvc.release());
-    KVCDelete(nullptr);
 }

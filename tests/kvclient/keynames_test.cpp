@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
 #include <string>
 
 #include "kvclient/kvc.h"
@@ -59,30 +58,6 @@ TEST_F(KeyNames, EncodingTableRoundTripsBothWays)
         EXPECT_EQ(clear, clearName);
         EXPECT_EQ(fEncoded, clearName != vaultName ? 1u : 0u);
         EXPECT_EQ(fDecoded, fEncoded);
-    }
-}
-
-TEST_F(KeyNames, EveryNameUpTo42CharactersRoundTripsAndEncodedNamesAreLonger)
-{
-    std::mt19937 rng(20240611);
-    for (int i = 0; i < 4000; ++i) {
-        size_t len = 1 + rng() % 42;
-        std::wstring name;
-        for (size_t j = 0; j < len; ++j) // one in four from characters a vault name may copy unchanged
-            name += i % 4 == 0 ? L"-0aZ9q"[rng() % 6] : static_cast<wchar_t>(1 + rng() % 65535);
-        bool copyable = name[0] != L'-' && std::all_of(name.begin(), name.end(), [](wchar_t c) {
-                            return c == L'-' || (iswascii(c) && iswalnum(c));
-                        });
-        WCHAR encoded[KVC_ENCODED_NAME_CHARS], clear[KVC_CLEAR_NAME_CHARS];
-        DWORD fEncoded = 0;
-        if (!KVCConvertClearKeyNameToEncoded(name.c_str(), encoded, &fEncoded)) {
-            EXPECT_TRUE(copyable && len == 42) << i;
-            continue;
-        }
-        EXPECT_EQ(fEncoded, copyable ? 0u : 1u) << i;
-        EXPECT_TRUE(fEncoded ? wcslen(encoded) >= 43 : wcslen(encoded) <= 41) << i;
-        ASSERT_EQ(KVCConvertEncodedKeyNameToClear(encoded, clear, nullptr), 1) << i;
-        EXPECT_EQ(clear, name) << i;
     }
 }
 
