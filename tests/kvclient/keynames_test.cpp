@@ -95,7 +95,6 @@ TEST_F(KeyNames, ParsesVaultKeysAndDerivesTheCngAlgorithm)
     const struct { std::string json; const wchar_t *algId; DWORD isEC, xSize; } cases[] = {
         {Bundle(kRsa, "{\"AlgID\":\"ECDSA_P256\"}"), L"RSA", 0, 0},
         {Bundle(kRsa), L"", 0, 0},
-        {Bundle(Ec("EC", "P-384", "\"sign\",\"verify\"", 64), "{\"purpose\":\"unit test\"}"), L"ECDSA_P384", 1, 48},
         {Bundle(Ec("EC-HSM", "P-256", "\"deriveKey\"", 43), "{}"), L"ECDH_P256", 1, 32},
         {Bundle(Ec("EC", "P-521", "\"sign\"", 88), "{\"AlgID\":\"ECDH\"}"), L"ECDH_P521", 1, 66},
         {Bundle(Ec("EC", "P-256", "\"deriveKey\"", 43), "{\"AlgID\":\"ECDSA\"}"), L"ECDSA_P256", 1, 32},
