@@ -324,8 +324,6 @@ std::string ReadLogs(const std::wstring &dir)
     return text;
 }
 
-std::string ReadTodaysLog(const std::wstring &dir) { return ReadLogs(dir); }
-
 std::vector<std::string> LogMessages(const std::string &log)
 {
     // "KestalKeyVaultKSP: YYYY-MM-DD HH:MM:SS <message> <level>"

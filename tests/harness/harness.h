@@ -108,7 +108,6 @@ std::wstring GetSetting(HKEY hive, const wchar_t *name); // "" when absent or no
 // ---- The daily log files ----------------------------------------------------------------
 // Every log file of the folder, oldest first: a test that runs across midnight UTC writes two.
 std::string ReadLogs(const std::wstring &dir);
-std::string ReadTodaysLog(const std::wstring &dir); // the older name of ReadLogs: every day's file
 // The "message level" part of every line of a log text, in order.
 std::vector<std::string> LogMessages(const std::string &log);
 
@@ -222,12 +221,6 @@ protected:
 private:
     std::unique_ptr<KspRouter> dll_;
     std::vector<std::pair<NCryptFreeProviderFn, NCRYPT_PROV_HANDLE>> open_;
-};
-
-// The log tests' older name for the fixture, with the folder also as dir_.
-class LogFolderTest : public VaultProviderTest {
-protected:
-    const std::wstring &dir_ = logDir;
 };
 
 // A provider opened through the DLL with vault "kestaltest" for the machine scope (plain keys),

@@ -119,7 +119,6 @@ TEST_F(Create, PlainRefusalsAndThrottlingShareOneWaitCounter)
         {.script = R"({"status":429,"repeat":6})", .result = 0, .posts = 5, .waits = {1000, 2000, 4000, 8000, 16000}},
         {.script = R"({"status":429})", .result = 1, .posts = 3, .waits = {1000},
          .algId = "RSA"}, // 429, 403, then the software key
-        {.script = R"({"status":500,"body":{}})", .result = 0, .posts = 1},
         {.script = R"({"status":403,"body":{}})", .onlyIf = R"(\"kty\":\"RSA\")", .result = 0, .posts = 2},
     };
     for (const auto &row : rows) {
