@@ -20,6 +20,21 @@ const WCHAR *VaultCipherAlgorithm(DWORD dwFlags)
     return nullptr;
 }
 
+// Signs the key's client in and has the vault encrypt or decrypt (pszAction) the input.
+SECURITY_STATUS CipherInVault(const KSP_PROVIDER *provider, const KSP_KEY *pKey, const WCHAR *pszAction,
+                              const WCHAR *pszSignInFailedMsg, const WCHAR *pszAlg, PBYTE pbInput, DWORD cbInput,
+                              PBYTE pbOutput, DWORD cbOutput, DWORD *pcbResult)
+{
+    KVC *kvc = pKey->dwMachineKey ? provider->kvcMachine : provider->kvcUser;
+    if (!KVCAuthenticate(kvc, nullptr)) {
+        LogMsgError(pszSignInFailedMsg, static_cast<DWORD>(SEC_E_LOGON_DENIED), KSP_LOG_FAILURE);
+        return SEC_E_LOGON_DENIED;
+    }
+    *pcbResult = cbOutput;
+    return KVCCryptoOp(kvc, pszAction, pKey->kvKey.name, pKey->kvKey.version, FALSE, pszAlg, pbInput, cbInput,
+                       pbOutput, pcbResult);
+}
+
 SECURITY_STATUS EncryptChecked(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput,
                                PBYTE pbOutput, DWORD cbOutput, DWORD *pcbResult, DWORD dwFlags)
 {
@@ -34,15 +49,8 @@ SECURITY_STATUS EncryptChecked(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE h
     if ((dwFlags & ~kCipherFlags) || (dwFlags & NCRYPT_NO_PADDING_FLAG))
         return NTE_BAD_FLAGS;
 
-    KVC *kvc = pKey->dwMachineKey ? provider->kvcMachine : provider->kvcUser;
-    if (!KVCAuthenticate(kvc, nullptr)) {
-        LogMsgError(L"KestalKeyVaultKSPEncrypt Authenticate Failed ", static_cast<DWORD>(SEC_E_LOGON_DENIED),
-                    KSP_LOG_FAILURE);
-        return SEC_E_LOGON_DENIED;
-    }
-    *pcbResult = cbOutput;
-    return KVCCryptoOp(kvc, L"encrypt", pKey->kvKey.name, pKey->kvKey.version, FALSE, VaultCipherAlgorithm(dwFlags),
-                       pbInput, cbInput, pbOutput, pcbResult);
+    return CipherInVault(provider, pKey, L"encrypt", L"KestalKeyVaultKSPEncrypt Authenticate Failed ",
+                         VaultCipherAlgorithm(dwFlags), pbInput, cbInput, pbOutput, cbOutput, pcbResult);
 }
 
 // Unlike encryption, decryption does not ask for a finalized key, and it tests the key's
@@ -63,16 +71,9 @@ SECURITY_STATUS DecryptChecked(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE h
     if (dwFlags & NCRYPT_NO_PADDING_FLAG)
         return NTE_BAD_FLAGS;
 
-    KVC *kvc = pKey->dwMachineKey ? provider->kvcMachine : provider->kvcUser;
-    if (!KVCAuthenticate(kvc, nullptr)) {
-        LogMsgError(L"KestalKeyVaultKSPDecrypt Authenticate Failed ", static_cast<DWORD>(SEC_E_LOGON_DENIED),
-                    KSP_LOG_FAILURE);
-        return SEC_E_LOGON_DENIED;
-    }
     // A null pbOutput still costs a whole decryption: the length is only known from the answer.
-    *pcbResult = cbOutput;
-    return KVCCryptoOp(kvc, L"decrypt", pKey->kvKey.name, pKey->kvKey.version, FALSE, VaultCipherAlgorithm(dwFlags),
-                       pbInput, cbInput, pbOutput, pcbResult);
+    return CipherInVault(provider, pKey, L"decrypt", L"KestalKeyVaultKSPDecrypt Authenticate Failed ",
+                         VaultCipherAlgorithm(dwFlags), pbInput, cbInput, pbOutput, cbOutput, pcbResult);
 }
 
 SECURITY_STATUS NotSupported(const WCHAR *pszEntry)
