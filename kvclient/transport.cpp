@@ -192,11 +192,15 @@ Attempt OneAttempt(KVC_WEB_RESPONSE *resp, HINTERNET hShared, WORD wPort, const 
         LogMsgError(L"KVCDoWebCall WinHttpSetTimeouts Failed", resp->lastError, KSP_LOG_FAILURE);
         return Attempt::Stop;
     }
-    if (!hShared) {
-        // A call of its own: closing the session ends the connection on Windows, but Wine keeps a
-        // process-wide pool, so the connection is told not to outlive its one request.
-        DWORD dwDisable = WINHTTP_DISABLE_KEEP_ALIVE;
-        WinHttpSetOption(request.get(), WINHTTP_OPTION_DISABLE_FEATURE, &dwDisable, sizeof(dwDisable));
+    // Redirects are never followed: WinHTTP would send the request's own headers (a bearer token,
+    // the metadata service's header, an Arc key) to wherever a plain-HTTP answer points. A call
+    // of its own also ends its connection: closing the session does that on Windows, but Wine
+    // keeps a process-wide pool, so the connection is told not to outlive its one request.
+    DWORD dwDisable = WINHTTP_DISABLE_REDIRECTS | (hShared ? 0 : WINHTTP_DISABLE_KEEP_ALIVE);
+    if (!WinHttpSetOption(request.get(), WINHTTP_OPTION_DISABLE_FEATURE, &dwDisable, sizeof(dwDisable))) {
+        resp->lastError = GetLastError();
+        LogMsgError(L"KVCDoWebCall WinHttpSetOption Failed", resp->lastError, KSP_LOG_FAILURE);
+        return Attempt::Stop;
     }
     DWORD cbBody = pszBody ? static_cast<DWORD>(strlen(pszBody)) : 0;
     if (!WinHttpSendRequest(request.get(), pszHeaders ? pszHeaders : WINHTTP_NO_ADDITIONAL_HEADERS,

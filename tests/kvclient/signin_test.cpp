@@ -141,6 +141,24 @@ TEST_F(SignIn, ATokenAHeaderLineCannotCarryAsItStandsIsRefusedFromEverySource)
               18u);
 }
 
+TEST_F(SignIn, ARedirectingTokenServiceIsNeverFollowed)
+{
+    // Followed, the redirect would carry the request's headers (an Arc key among them) elsewhere.
+    for (const auto &[source, location] : {std::pair{kSecret, "https://login.microsoftonline.com/elsewhere"},
+                                           {kImds, "http://169.254.169.254/elsewhere"},
+                                           {kArc, "http://127.0.0.1:40342/elsewhere"}}) {
+        emulator.Call(L"DELETE", L"/requests");
+        ScriptAnswers(emulator, source.service,
+                      R"([{"status":302,"headers":{"Location":")" + std::string(location) + "\"}}]");
+        KvcOwner kvc = NewClient(source);
+        KVCAuthenticate(kvc.get(), nullptr);
+        std::vector<SeenRequest> seen = SeenRequests(emulator, Widen(source.service));
+        ASSERT_FALSE(seen.empty()) << source.service;
+        for (const SeenRequest &r : seen)
+            EXPECT_EQ(r.url.find("elsewhere"), std::string::npos) << source.service;
+    }
+}
+
 TEST_F(SignIn, AnArcChallengeIsAnsweredOnlyFromASmallKeyFileDirectlyInTheAgentsFolder)
 {
     const std::wstring folder = L"C:\\ProgramData\\AzureConnectedMachineAgent\\Tokens\\";
