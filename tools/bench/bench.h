@@ -116,7 +116,7 @@ struct Config {
 };
 
 // A key the bench signs with: its vault name and what it takes to sign with it.
-struct KeySpec {
+struct BenchKey {
     const char *label; // "RSA-2048", "P-256"
     const char *name;  // in the vault
     bool ec;
@@ -127,7 +127,7 @@ struct OpenedKey {
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *ksp = nullptr;
     NCRYPT_PROV_HANDLE provider = 0;
     NCRYPT_KEY_HANDLE key = 0;
-    const KeySpec *spec = nullptr;
+    const BenchKey *benchKey = nullptr;
 };
 
 // One loaded copy of the provider DLL. A copy under a file name of its own is a module of its
@@ -145,8 +145,8 @@ public:
 
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp() const { return *table_; }
     NCRYPT_PROV_HANDLE OpenProvider();                                   // throws on failure
-    OpenedKey OpenKey(NCRYPT_PROV_HANDLE provider, const KeySpec &spec); // throws on failure
-    OpenedKey OpenProviderAndKey(const KeySpec &spec) { return OpenKey(OpenProvider(), spec); }
+    OpenedKey OpenKey(NCRYPT_PROV_HANDLE provider, const BenchKey &benchKey); // throws on failure
+    OpenedKey OpenProviderAndKey(const BenchKey &benchKey) { return OpenKey(OpenProvider(), benchKey); }
 
 private:
     HMODULE module_ = nullptr;

@@ -54,7 +54,7 @@ void SeedVault()
         ControlOrDie(L"POST", std::wstring(L"/vaults/") + vault + L"/keys",
                      "{\"name\":\"" + name + "\"," + members + "}");
     };
-    for (const KeySpec *key : kKeys) {
+    for (const BenchKey *key : kKeys) {
         seed(kVault, key->name, key->seed);
         seed(kFreshVault, key->name, key->seed);
     }

@@ -15,9 +15,9 @@ inline constexpr char kClientId[] = "0c9e8d7f-6a5b-4c3d-9e2f-1a0b2c3d4e70";
 inline constexpr char kSecret[] = "bench-only-client-secret";
 inline constexpr int kEnumKeys = 100; // tagged keys in the vault, the two signing keys included
 
-inline const KeySpec kRsa = {"RSA-2048", "bench-rsa", false, R"("kty":"RSA","key_size":2048,"tags":{"AlgID":"RSA"})"};
-inline const KeySpec kP256 = {"P-256", "bench-p256", true, R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})"};
-inline const KeySpec *const kKeys[] = {&kRsa, &kP256};
+inline const BenchKey kRsa = {"RSA-2048", "bench-rsa", false, R"("kty":"RSA","key_size":2048,"tags":{"AlgID":"RSA"})"};
+inline const BenchKey kP256 = {"P-256", "bench-p256", true, R"("kty":"EC","crv":"P-256","tags":{"AlgID":"ECDSA_P256"})"};
+inline const BenchKey *const kKeys[] = {&kRsa, &kP256};
 
 // How much of each part runs. Every loop is bounded in count, the long ones in time too.
 struct Plan {

@@ -89,20 +89,20 @@ NCRYPT_PROV_HANDLE ProviderCopy::OpenProvider()
     return provider;
 }
 
-OpenedKey ProviderCopy::OpenKey(NCRYPT_PROV_HANDLE provider, const KeySpec &spec)
+OpenedKey ProviderCopy::OpenKey(NCRYPT_PROV_HANDLE provider, const BenchKey &benchKey)
 {
     NCRYPT_KEY_HANDLE key = 0;
-    SECURITY_STATUS status = table_->OpenKey(provider, &key, Widen(spec.name).c_str(), 0, NCRYPT_MACHINE_KEY_FLAG);
+    SECURITY_STATUS status = table_->OpenKey(provider, &key, Widen(benchKey.name).c_str(), 0, NCRYPT_MACHINE_KEY_FLAG);
     if (status != 0)
-        throw std::runtime_error("OpenKey " + std::string(spec.name) + ": " + Status(status));
+        throw std::runtime_error("OpenKey " + std::string(benchKey.name) + ": " + Status(status));
     keys_.emplace_back(provider, key);
-    return OpenedKey{table_, provider, key, &spec};
+    return OpenedKey{table_, provider, key, &benchKey};
 }
 
 SECURITY_STATUS Sign(const OpenedKey &key, const std::vector<BYTE> &hash, std::vector<BYTE> *signature)
 {
     BCRYPT_PKCS1_PADDING_INFO pkcs1 = {BCRYPT_SHA256_ALGORITHM};
-    const bool ec = key.spec->ec;
+    const bool ec = key.benchKey->ec;
     signature->resize(kMaxSignature);
     DWORD cb = 0;
     SECURITY_STATUS status = key.ksp->SignHash(key.provider, key.key, ec ? nullptr : &pkcs1,
@@ -112,7 +112,7 @@ SECURITY_STATUS Sign(const OpenedKey &key, const std::vector<BYTE> &hash, std::v
     return status;
 }
 
-Verifier::Verifier(const OpenedKey &key) : ec_(key.spec->ec)
+Verifier::Verifier(const OpenedKey &key) : ec_(key.benchKey->ec)
 {
     const wchar_t *blobType = ec_ ? BCRYPT_ECCPUBLIC_BLOB : BCRYPT_RSAPUBLIC_BLOB;
     DWORD cb = 0;
@@ -121,7 +121,7 @@ Verifier::Verifier(const OpenedKey &key) : ec_(key.spec->ec)
     if (status == 0)
         status = key.ksp->ExportKey(key.provider, key.key, 0, blobType, nullptr, blob.data(), cb, &cb, 0);
     if (status != 0 || blob.size() < sizeof(ULONG))
-        throw std::runtime_error("ExportKey " + std::string(key.spec->name) + ": " + Status(status));
+        throw std::runtime_error("ExportKey " + std::string(key.benchKey->name) + ": " + Status(status));
     if (ec_) {
         // A P-256 key may come out as an ECDH blob; BCrypt checks signatures only with ECDSA's.
         const ULONG magic = BCRYPT_ECDSA_PUBLIC_P256_MAGIC;
@@ -135,7 +135,7 @@ Verifier::Verifier(const OpenedKey &key) : ec_(key.spec->ec)
         BCryptCloseAlgorithmProvider(alg, 0);
     }
     if (rc != 0)
-        throw std::runtime_error("BCryptImportKeyPair " + std::string(key.spec->name) + ": " + Status(rc));
+        throw std::runtime_error("BCryptImportKeyPair " + std::string(key.benchKey->name) + ": " + Status(rc));
 }
 
 Verifier::~Verifier()

@@ -111,8 +111,8 @@ bool PreparePair(RowPair *pair, const std::wstring &workDir, const std::string &
     if (pair->rawKeeps)
         pair->kept = std::make_unique<HttpConnection>(pair->rawHost, 443, true);
     bool same = true;
-    for (const KeySpec *spec : kKeys) {
-        pair->keys.push_back(pair->copy->OpenProviderAndKey(*spec));
+    for (const BenchKey *benchKey : kKeys) {
+        pair->keys.push_back(pair->copy->OpenProviderAndKey(*benchKey));
         pair->verifiers.push_back(std::make_unique<Verifier>(pair->keys.back()));
         std::vector<BYTE> hash = RandomBytes(32), signature;
         ClearRequests();
@@ -169,7 +169,7 @@ void CountNewConnections(RowResult (&results)[2][kRows], int rounds)
 }
 
 // One key's rows and ratios; their summaries in s, their targets added.
-json_object *KeyJson(const KeySpec &spec, const RowResult (&results)[kRows], Summary (&s)[kRows],
+json_object *KeyJson(const BenchKey &benchKey, const RowResult (&results)[kRows], Summary (&s)[kRows],
                      std::vector<Target> *targets)
 {
     json_object *rows = json_object_new_array();
@@ -189,7 +189,7 @@ json_object *KeyJson(const KeySpec &spec, const RowResult (&results)[kRows], Sum
     Put(key, "rows", rows);
     Put(key, "dllOverRawFresh", Num(freshRatio));
     Put(key, "dllOverRawKept", Num(keptRatio));
-    const std::string label = spec.label;
+    const std::string label = benchKey.label;
     targets->push_back({label + " SignHash median, ReuseConnections 0 / raw fresh connection", "<= 1.1", freshRatio,
                         freshRatio <= 1.1});
     targets->push_back(
