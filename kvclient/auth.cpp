@@ -39,6 +39,9 @@ constexpr DWORD kEndpointChars = 500;
 // gets four minutes.
 constexpr int kManagedIdentityAttempts = 241;
 constexpr DWORD kManagedIdentityWaitMs = 1000;
+// Each of those requests may itself take up to the transport's budget: the repeats stop once
+// five minutes have gone by, however slowly the agent answers.
+constexpr __time64_t kManagedIdentityBudgetSeconds = 300;
 // The Arc agent's key file: 64 hexadecimal characters in practice. Only a file of its own
 // folder is read, and only a small one: the challenge comes over plain HTTP from whoever
 // listens on the agent's port.
@@ -400,7 +403,12 @@ int ManagedIdentityToken(KVC *kvc, const WCHAR *pszResource, FRESH_TOKEN *pToken
     WCHAR szHeaders[64 + kArcSecretBytes] = L"Metadata: True\r\n";
     bool fChallengeAnswered = false;
     int got = 0;
+    const __time64_t started = KspTime();
     for (int attempt = 1; attempt <= kManagedIdentityAttempts; attempt++) {
+        if (attempt > 1 && KspTime() - started >= kManagedIdentityBudgetSeconds) {
+            LogMsg(L"KVCAuthenticate MSIAuthenticate failure - Time Budget Spent", KSP_LOG_FAILURE);
+            break;
+        }
         if (attempt > 1)
             KspSleep(kManagedIdentityWaitMs);
         KVC_WEB_RESPONSE *resp = KVCDoWebCall(kvc, wPort, szHost, pszPath, L"GET", szHeaders, nullptr);
