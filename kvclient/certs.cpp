@@ -160,7 +160,8 @@ BOOL KVCGetCerts(KVC *kvc, WCHAR ***ppNames, WCHAR ***ppThumbprints, DWORD *pcCo
     CertEntries entries;
     ScopedAnswer answer;
     // A persisting 429 ends the listing with what the earlier pages gave.
-    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetCerts ActionThrottled", FALSE);
+    const KVC_RETRY_POLICY policy =
+        KVCThrottlePolicy(L"KVCGetCerts ActionThrottled", FALSE, L"KVCGetCerts REST Call Error");
     KVC_LISTING listing = {L"KVCGetCerts Listing Stopped"};
     WCHAR *pszNextLink = nullptr;
     do {

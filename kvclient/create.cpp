@@ -112,7 +112,8 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
     // doubles it, and the request is repeated only while the doubled wait is within 16 s: a
     // throttling storm gets five calls and five sleeps (1..16 s), the last sleep wasted. A 403
     // to the HSM request repeats at once as a software request, under the same bound.
-    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCLowLevelCreateKey ActionThrottled", FALSE);
+    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCLowLevelCreateKey ActionThrottled", FALSE,
+                                                      L"KVCLowLevelCreateKey REST Call Error");
     DWORD dwWaitMs = policy.dwFirstWaitMs;
     ScopedAnswer answer;
     for (;;) {
@@ -120,8 +121,8 @@ int KVCLowLevelCreateKey(KVC *kvc, const WCHAR *pszClearName, const WCHAR *pszEn
         const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, pszEncodedName, L"POST", L"create",
                                      body.get(), L"7.0"};
         KVCFreeAnswer(&answer); // a body that could not be built must not be judged by a stale answer
-        if (body && !KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer))
-            LogMsgError(L"KVCLowLevelCreateKey REST Call Error", answer.status, KSP_LOG_FAILURE);
+        if (body)
+            KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer);
         const DWORD status = answer.status;
         if (kvc->fManagedHsm && status != KVC_HTTP_OK) {
             // A Managed HSM holds HSM keys only: there a refusal, or throttling that outlasted

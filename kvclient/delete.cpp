@@ -62,7 +62,8 @@ int DeleteUntilSettled(KVC *kvc, const DELETE_KIND &kind, const WCHAR *pszEncode
                                      kDeleteRetry.dwFirstWaitMs,
                                      kDeleteRetry.dwThrottleMaxWaitMs,
                                      kDeleteRetry.dwConflictMaxWaitMs,
-                                     FALSE};
+                                     FALSE,
+                                     nullptr};
     // The purge path carries its own api-version; the name then goes to the frame's log only.
     const KVC_REQUEST request = {pszPurgePath, kind.dwCollection, pszEncodedName, L"DELETE",
                                  nullptr,      nullptr,           pszPurgePath ? nullptr : L"7.0"};

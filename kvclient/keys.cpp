@@ -99,16 +99,17 @@ int KVCGetKeys(KVC *kvc, WCHAR ***pppNames, DWORD *pcCount)
 
     NameList list;
     ScopedAnswer answer;
-    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetKeys ActionThrottled", TRUE);
+    const KVC_RETRY_POLICY policy =
+        KVCThrottlePolicy(L"KVCGetKeys ActionThrottled", TRUE, L"KVCGetKeys REST Call Error");
     KVC_LISTING listing = {L"KVCGetKeys Listing Stopped"};
     WCHAR *pszNextPath = nullptr; // the next page's "/keys?..." tail; null for the first page
     for (;;) {
         // Every page gets the whole throttling allowance of its own.
         DWORD dwWaitMs = policy.dwFirstWaitMs;
         const KVC_REQUEST request = {pszNextPath, KVC_COLLECTION_KEYS, nullptr, L"GET", nullptr, nullptr, nullptr};
-        if (!KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer))
-            LogMsgError(L"KVCGetKeys REST Call Error", answer.status, KSP_LOG_FAILURE);
+        KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer);
         if (answer.status != KVC_HTTP_OK && answer.status != KVC_HTTP_TOO_MANY_REQUESTS) {
+            LogMsgError(L"KVCGetKeys REST Call Error", answer.status, KSP_LOG_FAILURE);
             free(pszNextPath);
             return 0; // the names of earlier pages go with the list
         }

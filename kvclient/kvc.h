@@ -287,6 +287,7 @@ struct KVC_RETRY_POLICY {
     DWORD dwThrottleMaxWaitMs;
     DWORD dwConflictMaxWaitMs; // 0: a 409 is final
     BOOL fTestBeforeSleep;
+    const WCHAR *pszCallFailedMsg; // when set, logged (level 1) with the status after every refused call
 };
 
 // Makes the request until it succeeds, fails for good, or the policy's waits run out. The wait
@@ -297,7 +298,8 @@ int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *
                  KVC_ANSWER *pAnswer);
 
 // The waits most operations use: 1 s doubling up to 16 s, bound tested as the policy says.
-KVC_RETRY_POLICY KVCThrottlePolicy(const WCHAR *pszRetryMsg, BOOL fTestBeforeSleep);
+KVC_RETRY_POLICY KVCThrottlePolicy(const WCHAR *pszRetryMsg, BOOL fTestBeforeSleep,
+                                   const WCHAR *pszCallFailedMsg = nullptr);
 
 // ---- Listing bounds -----------------------------------------------------------------------
 

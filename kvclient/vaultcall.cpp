@@ -48,9 +48,9 @@ void KVCFreeAnswer(KVC_ANSWER *pAnswer)
     *pAnswer = {};
 }
 
-KVC_RETRY_POLICY KVCThrottlePolicy(const WCHAR *pszRetryMsg, BOOL fTestBeforeSleep)
+KVC_RETRY_POLICY KVCThrottlePolicy(const WCHAR *pszRetryMsg, BOOL fTestBeforeSleep, const WCHAR *pszCallFailedMsg)
 {
-    return {pszRetryMsg, KSP_LOG_WARNING, 1000, 16000, 0, fTestBeforeSleep};
+    return {pszRetryMsg, KSP_LOG_WARNING, 1000, 16000, 0, fTestBeforeSleep, pszCallFailedMsg};
 }
 
 int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *pPolicy, DWORD *pdwWaitMs,
@@ -65,6 +65,8 @@ int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *
         const DWORD status = pAnswer->status;
         if (IsSuccess(status))
             return 1;
+        if (pPolicy->pszCallFailedMsg)
+            LogMsgError(pPolicy->pszCallFailedMsg, status, KSP_LOG_FAILURE);
         // A token the vault no longer takes (revoked, or expired earlier than it said) costs one
         // new sign-in and one repeat, never more: a vault that refuses every token is final.
         if (status == KVC_HTTP_UNAUTHORIZED && !fSignedInAgain) {
