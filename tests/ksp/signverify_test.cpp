@@ -106,7 +106,6 @@ TEST_F(SignVerify, SignHashMapsPaddingAndHashOrRefuses)
         {.key = rsa, .flags = kPkcs1, .hash = L"SHA256", .hashBytes = 20, .status = NTE_FAIL,
          .vaultAlg = "RS256"}, // the vault wants 32 bytes
         {.key = rsa, .flags = kPkcs1, .hash = L"SHA1", .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
-        {.key = rsa, .flags = kPss, .hash = L"SHA1", .hashBytes = 20, .status = NTE_NOT_SUPPORTED},
         {.key = rsa, .flags = kPkcs1, .hash = nullptr, .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
         {.key = rsa, .flags = kPss, .hash = kNoInfo, .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
         {.key = rsa, .flags = kPss, .hash = nullptr, .hashBytes = 32, .status = NTE_NOT_SUPPORTED},
