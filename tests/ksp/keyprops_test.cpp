@@ -74,11 +74,8 @@ TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
         {L"ECDSA_P521", L"Block Length", 0, BytesOf(DWORD{66})},
         {L"RSA", L"Export Policy", 0, BytesOf(DWORD{0})},
         {L"RSA", L"Key Usage", 0, BytesOf(DWORD{NCRYPT_ALLOW_DECRYPT_FLAG | NCRYPT_ALLOW_SIGNING_FLAG})},
-        {L"RSA", L"Key Type", 0, BytesOf(DWORD{0})},
-        {L"RSA", L"Use Context", 0, WideText(L"")},
         {L"RSA", L"Security Descr", 0, BytesOf(empty)},
         {L"RSA", L"UI Policy", 0, BytesOf(NCRYPT_UI_POLICY{1, 0, nullptr, nullptr, nullptr})},
-        {L"RSA", L"HWND Handle", 0, BytesOf(HWND{})},
         {L"RSA", L"Name", NTE_NOT_SUPPORTED, {}}, // the key has none
         {L"RSA", L"SmartCardKeyCertificate", NTE_NOT_SUPPORTED, {}},
     };
@@ -159,7 +156,6 @@ TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
     }
     EXPECT_EQ(Log("SetBuildinKeyProperty EXPORTABLE_KEYS_UNSUPPORTED 1").size(), 1u);
     EXPECT_EQ(Log("SetBuildinKeyProperty bad Exportable Value ExportableOption 2 1").size(), 1u);
-    EXPECT_EQ(Log("Key Usage = 2 10").size(), 1u);
 }
 
 TEST_F(KeyProps, OtherPropertiesAreNodesReadOnlyWithPersistOnly)
