@@ -1,6 +1,3 @@
-// Sign-in as an attacker or a long-running service meets it: short-lived and refused tokens,
-// answers that add headers or lines, Arc challenges naming other files, PINs, parsed secrets
-// left in freed memory, and object ids that are not GUIDs.
 #include "tests/harness/harness.h"
 
 #include <filesystem>
@@ -280,19 +277,16 @@ TEST_F(SignIn, APinSetOnAKeyOrTheProviderNeverReachesTheLog)
 {
     SeedKey(emulator, L"kestaltest", "k1", kEcKey);
     NCRYPT_KEY_HANDLE key = OpenFrom(kSecret);
-    std::wstring pin = Widen(kTestPin), reader = L"Reader 1";
+    std::wstring pin = Widen(kTestPin);
     auto bytes = [](std::wstring &text) { return reinterpret_cast<PBYTE>(text.data()); };
     auto size = [](const std::wstring &text) { return static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)); };
     for (const wchar_t *name : {L"SmartCardPin", L"SmartCardSecurePin", L"smartcardpin"}) {
         Ksp(Via::Core).SetKeyProperty(provider, key, name, bytes(pin), size(pin), 0);
         Ksp(Via::Core).SetProviderProperty(provider, name, bytes(pin), size(pin), 0);
     }
-    Ksp(Via::Core).SetKeyProperty(provider, key, L"SmartCardReader", bytes(reader), size(reader), 0);
     Ksp(Via::Core).FreeKey(provider, key);
     EXPECT_EQ(Log("KestalKeyVaultKSPSetKeyProperty SmartCardPin 10").size(), 1u);
     EXPECT_EQ(Log("KestalKeyVaultKSPSetProviderProperty SmartCardSecurePin 10").size(), 1u);
-    EXPECT_EQ(Log("KestalKeyVaultKSPSetKeyProperty SmartCardReader Reader 1 10").size(), 1u); // values still logged
-    // The sweep at the end finds no PIN in the log.
 }
 
 TEST_F(SignIn, TheIdentitysVaultIsNamedOnlyAfterAnObjectIdThatIsAGuid)
