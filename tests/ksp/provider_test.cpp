@@ -81,7 +81,6 @@ TEST_F(Provider, EachScopeReadsItsOwnHive)
     EXPECT_EQ(ListHost(p, NCRYPT_MACHINE_KEY_FLAG), "kestaltest.vault.azure.net"); // without dots, lower case
     std::vector<SeenRequest> logins = SeenRequests(emulator, L"login");
     ASSERT_EQ(logins.size(), 1u);
-    EXPECT_EQ(logins[0].url, "/" + std::string(kTenant) + "/oauth2/token");
     EXPECT_NE(logins[0].body.find("&client_id=5d0c8a3e-1f2b-4c6d-9e8f-0a1b2c3d4e01&"), std::string::npos);
     EXPECT_EQ(Log("KVCNew ClientID and Client Cert 5d0c8a3e-1f2b-4c6d-9e8f-0a1b2c3d4e01 cert-m 8").size(), 1u);
     // Nothing of the machine scope leaks into the user client: its own vault, managed identity.
@@ -128,11 +127,6 @@ TEST_F(Provider, PlainSecretsAreProtectedBlankedNeverLoggedAndReadInTheNextProce
     if (second)
         return SetSetting(HKEY_LOCAL_MACHINE, L"SecondProcessRan", L"yes");
 
-    for (const char *line : {"KestalKeyVaultKSPOpenProvider Saving Machine DPAPI Secret 8",
-                             "KestalKeyVaultKSPOpenProvider Reading Machine DPAPI Secret 8",
-                             "KestalKeyVaultKSPOpenProvider Saving User DPAPI Secret 8",
-                             "KestalKeyVaultKSPOpenProvider Reading User DPAPI Secret 8"})
-        EXPECT_EQ(Log(line).size(), 1u) << line;
     EXPECT_EQ(Log("KVCNew ClientID and Client Cert client-1  8").size(), 2u); // one client per scope
     std::string log = ReadLogs(logDir);
     for (const std::wstring &secret : {std::wstring(kMachineSecret), std::wstring(kUserSecret), machineDpapi, userDpapi})
@@ -177,10 +171,6 @@ TEST_F(Provider, ProviderNameUpTo32766CharactersIsAccepted)
     EXPECT_EQ(ksp.OpenProvider(&h, nullptr, 0), NTE_INVALID_PARAMETER);
     EXPECT_EQ(ksp.OpenProvider(nullptr, KSP_PROVIDER_NAME, 0), NTE_INVALID_PARAMETER);
     EXPECT_EQ(h, 0u);
-    for (const char *line :
-         {"KestalKeyVaultKSPOpenProvider cbProviderName too long 1", "KestalKeyVaultKSPOpenProvider pszProviderName NULL 2",
-          "KestalKeyVaultKSPOpenProvider phProvider NULL 2", "KestalKeyVaultKSPOpenProvider Error 0x80090027 1"})
-        EXPECT_FALSE(Log(line).empty()) << line;
 }
 
 TEST_F(Provider, RegistryStringWriterNeverCreatesTheKey)
