@@ -149,28 +149,3 @@ TEST_F(Auth, ArcChallengeWithoutAUsableRealmOrReadableKeyFileFails)
         free(found);
     }
 }
-
-TEST_F(Auth, VaultPlaceholderTakesTheNameOfTheTokensObjectIdAndWithoutOneSignInFails)
-{
-    const char kOidClaims[] = "eyJvaWQiOiIwYjVmMmQ0My05YzFlLTRkN2EtOGYzNi0yYTRlNmI4YzBkMTUifQ"; // an oid
-    const std::tuple<const wchar_t *, const char *, const char *, int> cases[] = {
-        {L"%G", kOidClaims, "x0b5f2d439c1e4d7a8f362a4", 1},
-        {L"%G", "eyJzdWIiOiJubyBvaWQifQ", "oidguid", 0},                         // {"sub":"no oid"}
-        {L"%G", "eyJvaWQiOjQyfQ", "oidguid", 0},                                 // {"oid":42}
-        {L"%G", "eyJvaWQiOiIwMTIzNDU2Nzg5YWJjZGVmLTAxMjM0NTYifQ", "oidguid", 0}, // not a GUID
-        {L"kv-%G", kOidClaims, "kv-oidguid", 1}};
-    for (const auto &[pattern, claims, vault, ok] : cases) {
-        std::string token = std::string("eyJ0eXAiOiJKV1QifQ.") + claims + ".c2ln";
-        ScriptAnswers(emulator, "imds",
-                      R"([{"status":200,"body":{"token_type":"Bearer","access_token":")" + token + "\"}}]");
-        // A client id of its own per case: clients of one process share one identity's token.
-        const std::wstring clientId = Widen(claims) + std::wstring(pattern);
-        KvcOwner kvc = NewClient(1, L"", pattern, clientId.c_str());
-        EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), ok) << claims;
-        if (!ok)
-            continue;
-        size_t before = Log("KVCAuthenticate " + std::string(vault) + " 8").size();
-        EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), 1);
-        EXPECT_EQ(Log("KVCAuthenticate " + std::string(vault) + " 8").size(), before + 1) << claims;
-    }
-}
