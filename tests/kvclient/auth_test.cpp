@@ -76,7 +76,7 @@ TEST_F(Auth, WrongSecretFallsBackToTheMetadataServiceOnlyWithAuthn3)
 {
     AddApp("right");
     // Counted over the rows; a failed sign-in keeps nothing, so the second attempt asks again.
-    const struct { DWORD authn; size_t logins, imds; } failing[] = {{2, 2, 0}, {1, 2, 2}, {4, 2, 2}}; // 4: neither
+    const struct { DWORD authn; size_t logins, imds; } failing[] = {{2, 2, 0}, {1, 2, 2}, {0, 2, 4}, {4, 2, 4}}; // 0 is 1, 4 neither
     for (const auto &[authn, logins, imds] : failing) {
         KvcOwner kvc = NewClient(authn, L"wrong");
         EXPECT_EQ(KVCAuthenticate(kvc.get(), nullptr), 0) << authn;
@@ -88,10 +88,10 @@ TEST_F(Auth, WrongSecretFallsBackToTheMetadataServiceOnlyWithAuthn3)
     ASSERT_EQ(KVCAuthenticate(NewClient(3, L"wrong").get(), nullptr), 1);
     EXPECT_EQ(Count(L"login"), 3u);
     std::vector<SeenRequest> seen = SeenRequests(emulator, L"imds");
-    ASSERT_EQ(seen.size(), 3u);
-    EXPECT_EQ(seen[2].method + " " + seen[2].host + seen[2].url, "GET 169.254.169.254" + kTokenPath + "2018-02-01");
-    EXPECT_FALSE(seen[2].tls);
-    EXPECT_EQ(seen[2].SentHeaders(), std::vector<std::string>{"Metadata: True"});
+    ASSERT_EQ(seen.size(), 5u);
+    EXPECT_EQ(seen[4].method + " " + seen[4].host + seen[4].url, "GET 169.254.169.254" + kTokenPath + "2018-02-01");
+    EXPECT_FALSE(seen[4].tls);
+    EXPECT_EQ(seen[4].SentHeaders(), std::vector<std::string>{"Metadata: True"});
 }
 
 TEST_F(Auth, ArcChallengeIsAnsweredWithTheKeyFileAndTheLifetimeCountsFromTheFirstRequest)
