@@ -44,7 +44,6 @@ TEST_F(Rest, SendsTheExactRequestWithTheFiveHeaders)
     EXPECT_EQ(KVCDoKVRESTCall(kvc.get(), &answer, nullptr, 0, L"k1/0a1b", L"POST", L"sign", R"({"alg":"RS256"})",
                               L"7.0"),
               1);
-    EXPECT_STREQ(answer.body, "{}");
     List(kvc.get(), &answer);
 
     std::vector<SeenRequest> seen = VaultRequests();
