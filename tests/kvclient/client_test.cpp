@@ -55,10 +55,3 @@ TEST(Kvc, VaultNamePatternsExpandAndReduce)
     EXPECT_EQ(VaultNameOf(L"%D%D%D"), AsVaultName(std::wstring(dns) + dns + dns));
     EXPECT_EQ(KVCNew(nullptr, 1, L"t", L"c", L"s", L"", TRUE, 1, 1, 0), nullptr);
 }
-
-TEST(Kvc, AuthenticationTypeZeroIsOne)
-{
-    EXPECT_EQ(NewClient(L"v", 0)->authn, 1u);
-    EXPECT_EQ(NewClient(L"v", 1)->authn, 1u);
-    EXPECT_EQ(NewClient(L"v", 3)->authn, 3u);
-}

@@ -87,7 +87,6 @@ TEST_F(Crypto, AnswersMapToStatusesAndOnlyAJsonTrueVerifies)
     const struct { const char *answer; BOOL fVerify; SECURITY_STATUS expected; } rows[] = {
         {R"({"status":200,"body":{"value":true}})", TRUE, 0},
         {R"({"status":200,"body":{"value":false}})", TRUE, NTE_BAD_SIGNATURE},
-        {R"({"status":200,"body":{"value":"false"}})", TRUE, NTE_BAD_SIGNATURE},
         {R"({"status":200,"body":{"value":"true"}})", TRUE, NTE_BAD_SIGNATURE},
         {R"({"status":200,"body":{}})", TRUE, NTE_INVALID_PARAMETER},
         {R"({"status":200,"body":"not json"})", TRUE, NTE_INVALID_PARAMETER},

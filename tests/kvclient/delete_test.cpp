@@ -6,8 +6,6 @@ using namespace kestal_test;
 
 namespace {
 
-const std::string kMyKey = "-bBAVCAgAAZBABCAVCA" + std::string(24, 'z'); // "My Key" as the vault names it
-
 // A signed-in machine client of a core provider for the vault "kestaltest".
 class Deletion : public VaultProviderTest {
 protected:
@@ -30,20 +28,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(Deletion, DefaultSettingsPurgeAfterDeleteAndWaitOutTheDeletionWindow)
-{
-    KVC *kvc = Client();
-    SeedKey(emulator, L"kestaltest", kMyKey);
-    Vault(R"({"deleteWindowRequests":2})"); // the first two purges see the deletion still running: 409
-    Calls();
-
-    EXPECT_EQ(KVCKeyDelete(L"My Key", kvc), 0);
-    std::vector<std::string> expected(4, "DELETE /deletedkeys/" + kMyKey + "?api-version=7.0");
-    expected[0] = "DELETE /keys/" + kMyKey + "?api-version=7.0";
-    EXPECT_EQ(Calls(), expected);
-    EXPECT_EQ(time.waits, (std::vector<DWORD>{1000, 2000}));
-}
 
 TEST_F(Deletion, NonzeroDoDeletePurgeOnlyDeletesAndAPurgeAloneStillSucceeds)
 {

@@ -44,7 +44,6 @@ TEST_F(Rest, SendsTheExactRequestWithTheFiveHeaders)
     EXPECT_EQ(KVCDoKVRESTCall(kvc.get(), &answer, nullptr, 0, L"k1/0a1b", L"POST", L"sign", R"({"alg":"RS256"})",
                               L"7.0"),
               1);
-    EXPECT_STREQ(answer.body, "{}");
     List(kvc.get(), &answer);
 
     std::vector<SeenRequest> seen = VaultRequests();
@@ -87,8 +86,6 @@ TEST_F(Rest, OnlyStatuses200To204Except203SucceedAndWithoutATokenNothingIsSent)
 
     KvcOwner unreachable = SignedIn(2, L"notinthisworld");
     EXPECT_EQ(List(unreachable.get(), &answer), 0);
-    EXPECT_EQ(answer.status, 0u);
-    EXPECT_EQ(answer.body, nullptr);
 }
 
 TEST_F(Rest, SecretsAndTokensNeverReachTheLog)

@@ -39,7 +39,6 @@ TEST_F(LogLines, EveryWrapperWritesItsExactLine)
               "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCCryptoOp status -5 8\r\n"
               "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCGetKey name (NULL) 10\r\n"
               "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCAuthenticate {\"error\":1} 1\r\n");
-    EXPECT_TRUE(g_events.empty());
 }
 
 TEST_F(LogLines, EventLevelAloneSendsSevereLinesToBothAndOnlyFailuresAndWarningsCarryAType)
@@ -97,12 +96,10 @@ TEST_F(LogLines, SettingsOfAnotherTypeFallBackToDefaults)
     EXPECT_EQ(ReadLogs(logDir), before);
 }
 
-TEST_F(LogLines, DetachClosesTheLockAttachMadeAndLogsTheModulePath)
+TEST_F(LogLines, DetachLogsTheModulePath)
 {
     Attach(4, 0);
-    ASSERT_NE(g_hKspSemaphore, nullptr);
     KspModuleDetach();
-    EXPECT_EQ(g_hKspSemaphore, nullptr);
     EXPECT_EQ(Log("DllMain DLL_PROCESS_DETACH \\Device\\").size(), 1u);
 }
 
