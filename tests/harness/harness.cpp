@@ -5,7 +5,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <stdlib.h>
 #include <time.h>
 #include <regex>
@@ -17,10 +18,7 @@ namespace kestal_test {
 
 namespace {
 
-struct InternetClose {
-    void operator()(HINTERNET h) const { WinHttpCloseHandle(h); }
-};
-using Internet = std::unique_ptr<void, InternetClose>;
+using Internet = std::unique_ptr<void, decltype([](HINTERNET h) { WinHttpCloseHandle(h); })>;
 
 constexpr wchar_t kSettingsKey[] = L"Software\\Kestal\\KestalKeyVaultKSP";
 
@@ -47,16 +45,10 @@ HKEY OpenSettings(HKEY hive)
     return key;
 }
 
-std::string ReadText(const std::wstring &path)
+std::string ReadText(const std::filesystem::path &path)
 {
-    std::string text;
-    if (FILE *file = _wfopen(path.c_str(), L"rb")) {
-        char chunk[4096];
-        for (size_t n; (n = fread(chunk, 1, sizeof(chunk), file)) > 0;)
-            text.append(chunk, n);
-        fclose(file);
-    }
-    return text;
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 FakeTime *g_fakeTime = nullptr;
@@ -68,6 +60,23 @@ void FakeSleep(DWORD ms)
     g_fakeTime->pendingMs %= 1000;
 }
 __time64_t FakeNow() { return g_fakeTime->now; }
+
+// Loads KestalKeyVaultKSP.dll from the test executable's folder and asks for its table, as the
+// CNG router does.
+NCRYPT_KEY_STORAGE_FUNCTION_TABLE *LoadProviderDll(HMODULE *module)
+{
+    using GetInterfaceFn = NTSTATUS(WINAPI *)(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **, DWORD);
+    *module = LoadLibraryW((ExeDir() + L"\\KestalKeyVaultKSP.dll").c_str());
+    if (!*module)
+        throw std::runtime_error("LoadLibraryW failed with " + std::to_string(GetLastError()));
+    auto getInterface = reinterpret_cast<GetInterfaceFn>(
+        reinterpret_cast<void *>(GetProcAddress(*module, "GetKeyStorageInterface")));
+    NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table = nullptr;
+    if (!getInterface || getInterface(KSP_PROVIDER_NAME, &table, 0) != 0 || !table ||
+        table->Version.MajorVersion != 1 || table->Version.MinorVersion != 0)
+        throw std::runtime_error("the DLL gives no version 1.0 function table");
+    return table;
+}
 
 } // namespace
 
@@ -234,47 +243,6 @@ void ScriptAnswers(const Emulator &emulator, const std::string &service, const s
         throw std::runtime_error("the emulator refused a script: " + json);
 }
 
-KspRouter::~KspRouter()
-{
-    if (module_)
-        FreeLibrary(module_);
-}
-
-std::unique_ptr<KspRouter> KspRouter::LoadDll(std::string *why)
-{
-    using GetInterfaceFn = NTSTATUS(WINAPI *)(LPCWSTR, NCRYPT_KEY_STORAGE_FUNCTION_TABLE **, DWORD);
-    auto router = std::unique_ptr<KspRouter>(new KspRouter);
-    router->module_ = LoadLibraryW((ExeDir() + L"\\KestalKeyVaultKSP.dll").c_str());
-    if (!router->module_) {
-        *why = "LoadLibraryW failed with " + std::to_string(GetLastError());
-        return nullptr;
-    }
-    auto getInterface = reinterpret_cast<GetInterfaceFn>(
-        reinterpret_cast<void *>(GetProcAddress(router->module_, "GetKeyStorageInterface")));
-    if (!getInterface) {
-        *why = "GetKeyStorageInterface is not exported";
-        return nullptr;
-    }
-    NTSTATUS status = getInterface(KSP_PROVIDER_NAME, &router->table_, 0);
-    if (status != 0 || !router->table_) {
-        *why = "GetKeyStorageInterface failed with " + std::to_string(status);
-        return nullptr;
-    }
-    if (router->table_->Version.MajorVersion != 1 || router->table_->Version.MinorVersion != 0) {
-        *why = "function table version is not 1.0";
-        return nullptr;
-    }
-    // The 26 entries follow the version, each one pointer wide.
-    auto entries = reinterpret_cast<void *const *>(&router->table_->OpenProvider);
-    for (int slot = 0; slot < 26; ++slot) {
-        if (!entries[slot]) {
-            *why = "function table slot " + std::to_string(slot + 1) + " is empty";
-            return nullptr;
-        }
-    }
-    return router;
-}
-
 void ClearSettings(HKEY hive)
 {
     RegDeleteTreeW(hive, kSettingsKey);
@@ -283,17 +251,12 @@ void ClearSettings(HKEY hive)
 
 void SetSetting(HKEY hive, const wchar_t *name, const std::wstring &value)
 {
-    HKEY key = OpenSettings(hive);
-    RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE *>(value.c_str()),
-                   static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-    RegCloseKey(key);
+    RegSetKeyValueW(hive, kSettingsKey, name, REG_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * 2));
 }
 
 void SetSettingDword(HKEY hive, const wchar_t *name, DWORD value)
 {
-    HKEY key = OpenSettings(hive);
-    RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&value), sizeof(value));
-    RegCloseKey(key);
+    RegSetKeyValueW(hive, kSettingsKey, name, REG_DWORD, &value, sizeof(value));
 }
 
 std::wstring GetSetting(HKEY hive, const wchar_t *name)
@@ -308,40 +271,16 @@ std::wstring GetSetting(HKEY hive, const wchar_t *name)
 
 std::string ReadLogs(const std::wstring &dir)
 {
-    std::vector<std::wstring> files;
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((dir + L"\\*_KestalKeyVaultKSP.log").c_str(), &found);
-    if (find != INVALID_HANDLE_VALUE) {
-        do
-            files.push_back(found.cFileName);
-        while (FindNextFileW(find, &found));
-        FindClose(find);
-    }
+    std::vector<std::filesystem::path> files;
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(dir, ignored))
+        if (entry.path().filename().wstring().ends_with(L"_KestalKeyVaultKSP.log"))
+            files.push_back(entry.path());
     std::sort(files.begin(), files.end()); // named by date
     std::string text;
-    for (const std::wstring &file : files)
-        text += ReadText(dir + L"\\" + file);
+    for (const auto &file : files)
+        text += ReadText(file);
     return text;
-}
-
-std::vector<std::string> LogMessages(const std::string &log)
-{
-    // "KestalKeyVaultKSP: YYYY-MM-DD HH:MM:SS <message> <level>"
-    constexpr size_t kPrefix = sizeof("KestalKeyVaultKSP: 2000-01-01 00:00:00 ") - 1;
-    std::vector<std::string> messages;
-    size_t start = 0;
-    while (start < log.size()) {
-        size_t end = log.find('\n', start);
-        if (end == std::string::npos)
-            end = log.size();
-        std::string line = log.substr(start, end - start);
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        if (line.rfind("KestalKeyVaultKSP: ", 0) == 0 && line.size() > kPrefix)
-            messages.push_back(line.substr(kPrefix));
-        start = end + 1;
-    }
-    return messages;
 }
 
 FakeTime::FakeTime(__time64_t start) : now(start)
@@ -511,7 +450,10 @@ void VaultProviderTest::TearDown()
     for (const auto &[freeProvider, h] : open_)
         freeProvider(h);
     open_.clear();
-    dll_.reset();
+    if (dll_)
+        FreeLibrary(dll_);
+    dll_ = nullptr;
+    dllTable_ = nullptr;
     static const std::regex kJwt("eyJ[A-Za-z0-9_-]+\\.[A-Za-z0-9_-]+");
     for (const std::string &line : Log())
         if (std::regex_search(line, kJwt) || line.find(kTestPin) != std::string::npos ||
@@ -553,13 +495,9 @@ const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &VaultProviderTest::Ksp(Via via)
             throw std::runtime_error("the core has no function table");
         return *table;
     }
-    if (!dll_) {
-        std::string why;
-        dll_ = KspRouter::LoadDll(&why);
-        if (!dll_)
-            throw std::runtime_error("cannot load the provider: " + why);
-    }
-    return dll_->ksp();
+    if (!dllTable_)
+        dllTable_ = LoadProviderDll(&dll_);
+    return *dllTable_;
 }
 
 NCRYPT_PROV_HANDLE VaultProviderTest::OpenProvider(Via via)
@@ -574,11 +512,18 @@ NCRYPT_PROV_HANDLE VaultProviderTest::OpenProvider(Via via)
 
 std::vector<std::string> VaultProviderTest::Log(std::string_view prefix) const
 {
-    std::vector<std::string> matching;
-    for (std::string &m : LogMessages(ReadLogs(logDir)))
-        if (m.rfind(prefix, 0) == 0)
-            matching.push_back(std::move(m));
-    return matching;
+    // "KestalKeyVaultKSP: YYYY-MM-DD HH:MM:SS <message> <level>"
+    constexpr size_t kPrefix = sizeof("KestalKeyVaultKSP: 2000-01-01 00:00:00 ") - 1;
+    std::vector<std::string> messages;
+    std::istringstream log(ReadLogs(logDir));
+    for (std::string line; std::getline(log, line);) {
+        if (line.ends_with('\r'))
+            line.pop_back();
+        if (line.starts_with("KestalKeyVaultKSP: ") && line.size() > kPrefix &&
+            line.compare(kPrefix, prefix.size(), prefix) == 0)
+            messages.push_back(line.substr(kPrefix));
+    }
+    return messages;
 }
 
 void VaultProviderTest::Attach(DWORD loggingLevel, DWORD eventLevel)

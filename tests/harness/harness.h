@@ -84,21 +84,6 @@ struct KvcDelete {
 };
 using KvcOwner = std::unique_ptr<KVC, KvcDelete>;
 
-// ---- The provider, loaded as the router loads it --------------------------------------
-class KspRouter {
-public:
-    ~KspRouter();
-    // Loads KestalKeyVaultKSP.dll from the test executable's folder, resolves
-    // GetKeyStorageInterface and checks the table; null with the reason on failure.
-    static std::unique_ptr<KspRouter> LoadDll(std::string *why);
-
-    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp() const { return *table_; }
-
-private:
-    HMODULE module_ = nullptr;
-    NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table_ = nullptr;
-};
-
 // ---- Registry settings under Software\Kestal\KestalKeyVaultKSP ------------------------
 void ClearSettings(HKEY hive);
 void SetSetting(HKEY hive, const wchar_t *name, const std::wstring &value);
@@ -108,8 +93,6 @@ std::wstring GetSetting(HKEY hive, const wchar_t *name); // "" when absent or no
 // ---- The daily log files ----------------------------------------------------------------
 // Every log file of the folder, oldest first: a test that runs across midnight UTC writes two.
 std::string ReadLogs(const std::wstring &dir);
-// The "message level" part of every line of a log text, in order.
-std::vector<std::string> LogMessages(const std::string &log);
 
 // The event log, recorded through its seam while a VaultProviderTest runs.
 struct RecordedEvent {
@@ -219,7 +202,8 @@ protected:
     std::wstring logDir;
 
 private:
-    std::unique_ptr<KspRouter> dll_;
+    HMODULE dll_ = nullptr;
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE *dllTable_ = nullptr;
     std::vector<std::pair<NCryptFreeProviderFn, NCRYPT_PROV_HANDLE>> open_;
 };
 

@@ -37,18 +37,6 @@ TEST(BldStr, EveryAppendLeavesExactlyEnoughCapacityAndHexIsUpperCase)
     EXPECT_STREQ(Str(BldStrNewHexStr(bytes, 0))->cStr, L"");
 }
 
-TEST(BldStr, CertSyncIsReadFromTheChosenScopeAsRegSzOnly)
-{
-    ClearSettings(HKEY_LOCAL_MACHINE);
-    SetSetting(HKEY_LOCAL_MACHINE, L"CertSync", L"2024-03-01");
-    SetSettingDword(HKEY_CURRENT_USER, L"CertSync", 5);
-    EXPECT_STREQ(Str(BldStrGetWStringValue(TRUE))->cStr, L"2024-03-01");
-    EXPECT_STREQ(Str(BldStrGetWStringValue(FALSE))->cStr, L"");
-    ClearSettings(HKEY_LOCAL_MACHINE);
-    ClearSettings(HKEY_CURRENT_USER);
-    EXPECT_STREQ(Str(BldStrGetWStringValue(TRUE))->cStr, L"");
-}
-
 using BldStrMessages = VaultProviderTest;
 
 TEST_F(BldStrMessages, NullArgumentsAreLoggedAndChangeNothing)

@@ -96,13 +96,6 @@ TEST_F(LogLines, SettingsOfAnotherTypeFallBackToDefaults)
     EXPECT_EQ(ReadLogs(logDir), before);
 }
 
-TEST_F(LogLines, DetachLogsTheModulePath)
-{
-    Attach(4, 0);
-    KspModuleDetach();
-    EXPECT_EQ(Log("DllMain DLL_PROCESS_DETACH \\Device\\").size(), 1u);
-}
-
 // eventlog_wine_debug_test.sh runs this with WINEDEBUG=+eventlog and finds the strings in Wine's output.
 TEST_F(LogLines, RealEventLogReceivesReportedStrings)
 {
