@@ -30,19 +30,21 @@ void OnThreads(const std::function<void(int)> &body)
 
 class Threads : public VaultKeyTest {
 protected:
-    std::vector<BYTE> Sign(NCRYPT_KEY_HANDLE key, const std::vector<BYTE> &hash, bool rsa, SECURITY_STATUS *status,
-                           const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp)
+    // Signs the SHA-256 of text: the status, or BCrypt's verdict on the signature when given the public key.
+    LONG SignAndVerify(NCRYPT_KEY_HANDLE key, BCRYPT_KEY_HANDLE publicKey, const std::string &text, bool rsa,
+                       const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp)
     {
         BCRYPT_PKCS1_PADDING_INFO pkcs1 = {BCRYPT_SHA256_ALGORITHM};
-        std::vector<BYTE> signature(512);
+        std::vector<BYTE> hash = HashOf(BCRYPT_SHA256_ALGORITHM, text);
+        BYTE signature[512];
         DWORD cb = 0;
-        *status = ksp.SignHash(provider, key, rsa ? &pkcs1 : nullptr, const_cast<BYTE *>(hash.data()),
-                               static_cast<DWORD>(hash.size()), signature.data(), 512, &cb,
-                               rsa ? BCRYPT_PAD_PKCS1 : 0);
-        signature.resize(*status == 0 ? cb : 0);
-        return signature;
+        SECURITY_STATUS status = ksp.SignHash(provider, key, rsa ? &pkcs1 : nullptr, hash.data(), 32, signature,
+                                              sizeof(signature), &cb, rsa ? BCRYPT_PAD_PKCS1 : 0);
+        if (status != 0 || !publicKey)
+            return status;
+        return BCryptVerifySignature(publicKey, rsa ? &pkcs1 : nullptr, hash.data(), 32, signature, cb,
+                                     rsa ? BCRYPT_PAD_PKCS1 : 0);
     }
-    size_t Logins() const { return SeenRequests(emulator, L"login").size(); }
 };
 
 } // namespace
@@ -72,16 +74,9 @@ TEST_F(Threads, EveryThreadGetsItsOwnPlaintextAndSignaturesThatVerifyAndCallsOve
             if (status != 0 || back != plain)
                 failures[t].push_back(mine + ": decrypt status " + std::to_string(status));
 
-            std::vector<BYTE> hash = HashOf(BCRYPT_SHA256_ALGORITHM, mine);
             for (bool isRsa : {true, false}) {
-                std::vector<BYTE> signature = Sign(isRsa ? rsa : ec, hash, isRsa, &status, Ksp());
-                BCRYPT_PKCS1_PADDING_INFO pkcs1 = {BCRYPT_SHA256_ALGORITHM};
-                NTSTATUS verified =
-                    status != 0 ? status
-                                : BCryptVerifySignature(isRsa ? rsaPublic.get() : ecPublic.get(),
-                                                        isRsa ? &pkcs1 : nullptr, hash.data(), 32, signature.data(),
-                                                        static_cast<ULONG>(signature.size()),
-                                                        isRsa ? BCRYPT_PAD_PKCS1 : 0);
+                LONG verified =
+                    SignAndVerify(isRsa ? rsa : ec, isRsa ? rsaPublic.get() : ecPublic.get(), mine, isRsa, Ksp());
                 if (verified != 0)
                     failures[t].push_back(mine + (isRsa ? ": RSA" : ": EC") + " sign/verify " +
                                           std::to_string(verified));
@@ -105,15 +100,13 @@ TEST_F(Threads, OneTokenRequestServesEveryThreadAndOneRenewsItWhenItIsUsedUp)
     SeedKey(emulator, L"kestaltest", "p256", R"("kty":"EC","crv":"P-256")");
     NCRYPT_KEY_HANDLE key = 0;
     ASSERT_EQ(Ksp(Via::Core).OpenKey(core, &key, L"p256", 0, NCRYPT_MACHINE_KEY_FLAG), 0);
-    const size_t afterOpen = Logins();
+    const size_t afterOpen = SeenRequests(emulator, L"login").size();
     std::swap(provider, core);
     for (int phase = 0; phase < 2; ++phase) {
         std::vector<SECURITY_STATUS> statuses(kThreads, -1);
-        OnThreads([&](int t) {
-            Sign(key, HashOf(BCRYPT_SHA256_ALGORITHM, std::to_string(t)), false, &statuses[t], Ksp(Via::Core));
-        });
+        OnThreads([&](int t) { statuses[t] = SignAndVerify(key, nullptr, std::to_string(t), false, Ksp(Via::Core)); });
         EXPECT_EQ(statuses, std::vector<SECURITY_STATUS>(kThreads, 0)) << "phase " << phase;
-        EXPECT_EQ(Logins(), afterOpen + phase) << "phase " << phase;
+        EXPECT_EQ(SeenRequests(emulator, L"login").size(), afterOpen + phase) << "phase " << phase;
         time.now += 3600; // every token the emulator issues is used up by now
     }
     std::swap(provider, core);
