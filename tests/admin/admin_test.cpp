@@ -1,7 +1,6 @@
 // kestalksp.exe as an administrator runs it: its exit codes, the registry and store it leaves, what the DLL then does.
 #include "tests/harness/harness.h"
 
-#include <gtest/gtest.h>
 #include <wincrypt.h>
 
 #include <fstream>
@@ -26,8 +25,8 @@ Tool RunTool(const std::wstring &args, const std::string &input = "")
     const std::wstring in = ExeDir() + L"\\kestalksp-in.txt", out = ExeDir() + L"\\kestalksp-out.txt";
     std::ofstream(in.c_str(), std::ios::binary) << input;
     // cmd takes off the outer quotes and runs the rest.
-    std::wstring command = L"\"\"" + ExeDir() + L"\\kestalksp.exe\" " + args + L" <\"" + in + L"\" >\"" + out +
-                           L"\" 2>&1\"";
+    std::wstring command =
+        L"\"\"" + ExeDir() + L"\\kestalksp.exe\" " + args + L" <\"" + in + L"\" >\"" + out + L"\" 2>&1\"";
     Tool tool = {.exitCode = static_cast<DWORD>(_wsystem(command.c_str()))};
     DeleteFileW(in.c_str()); // it may hold a secret
     std::ifstream output(out.c_str(), std::ios::binary);
@@ -147,11 +146,10 @@ TEST_F(Admin, SyncAddsTheVaultsCertificatesToTheMachineStore)
     UseVault(HKEY_LOCAL_MACHINE, L"kestaltest", 0);
     ASSERT_EQ(emulator.Call(L"POST", L"/vaults/kestaltest/certificates", R"({"name":"admin-synced"})").status, 200u);
     ASSERT_EQ(Register().exitCode, 0u);
-    Tool synced = RunTool(L"sync");
-    EXPECT_EQ(synced.exitCode, 0u) << synced.out;
+    EXPECT_EQ(RunTool(L"sync").exitCode, 0u);
     HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"My");
-    PCCERT_CONTEXT cert = CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W,
-                                                     L"admin-synced", nullptr);
+    PCCERT_CONTEXT cert =
+        CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_SUBJECT_STR_W, L"admin-synced", nullptr);
     ASSERT_NE(cert, nullptr);
     CertDeleteCertificateFromStore(cert);
     CertCloseStore(store, 0);

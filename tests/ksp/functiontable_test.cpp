@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "tests/harness/harness.h"
 
 using namespace kestal_test;

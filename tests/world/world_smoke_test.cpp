@@ -1,7 +1,6 @@
 // The walls of the test world seen from a Windows program, through the WinHTTP the provider uses.
 #include "tests/harness/harness.h"
 
-#include <gtest/gtest.h>
 #include <winhttp.h>
 
 using namespace kestal_test;
