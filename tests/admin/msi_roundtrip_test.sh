@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# The MSI, built by scripts/package.sh: its custom actions checked in its tables (Wine's
-# msiexec forgives sequences that Windows refuses), then installed and removed under Wine:
-# files, registration and the tool appear and go, the settings stay.
+# The MSI: its custom actions checked in its tables (Wine's msiexec forgives sequences that Windows
+# refuses), then installed and removed: files, registration and the tool appear and go, the settings stay.
 # Usage: msi_roundtrip_test.sh <source dir> <bin dir>   (inside the test world)
 set -euo pipefail
 top=$1
@@ -15,8 +14,7 @@ fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 msi=$("$top/scripts/package.sh" --no-build --bin "$bin" --out "$work" | tail -1)
 
-# Static: every custom action deferred (0x400) and not impersonating (0x800), sequenced inside
-# the installation script; registration after the files arrive, removal before they go.
+# Every custom action deferred (0x400), not impersonating (0x800), inside the script, after/before the files.
 msiinfo export "$msi" InstallExecuteSequence | tr -d '\r' >"$work/seq"
 msiinfo export "$msi" CustomAction | tr -d '\r' >"$work/ca"
 seq_of() { awk -F'\t' -v a="$1" '$1 == a { print $3 }' "$work/seq"; }
