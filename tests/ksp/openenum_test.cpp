@@ -32,9 +32,7 @@ TEST_F(OpenEnum, OpenKeyTakesAlgorithmAndLengthFromTheVaultKeyOfItsScope)
     // Machine keys are looked for in "kestaltest" only, user keys in "kestaltest2" only.
     const struct { const char *name, *members; DWORD flags; const wchar_t *algorithm; DWORD bits; } rows[] = {
         {"rsa2048", R"("kty":"RSA","key_size":2048)", kMachine, L"RSA", 2048},
-        {"rsa3072", R"("kty":"RSA","key_size":3072)", NCRYPT_SILENT_FLAG, L"RSA", 3072},
-        {"p256", R"("kty":"EC","crv":"P-256")", kMachine | NCRYPT_SILENT_FLAG, L"ECDH_P256", 256},
-        {"p384", R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDSA_P384"})", 0, L"ECDSA_P384", 384},
+        {"p384", R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDSA_P384"})", NCRYPT_SILENT_FLAG, L"ECDSA_P384", 384},
         {"p521", R"("kty":"EC","crv":"P-521","key_ops":["sign"],"tags":{"owner":"ops"})", kMachine, L"ECDSA_P521", 521},
     };
     NCRYPT_PROV_HANDLE provider = OpenProvider();
@@ -89,9 +87,6 @@ TEST_F(OpenEnum, MachineOpensSyncCertificatesOncePerProviderInCertificateMode)
     EXPECT_EQ(syncs(), 1u);
     Open(OpenProvider(), L"machinekey", kMachine);
     EXPECT_EQ(syncs(), 2u);
-    SetSettingDword(HKEY_LOCAL_MACHINE, L"CertificatesOrKeys", 1); // plain keys: nothing to sync
-    Open(OpenProvider(), L"machinekey", kMachine);
-    EXPECT_EQ(syncs(), 2u);
 }
 
 TEST_F(OpenEnum, EnumKeysWalksEveryPageReadsOnlyUntaggedKeysAndKnowsOnlyItsOwnStates)
@@ -102,8 +97,6 @@ TEST_F(OpenEnum, EnumKeysWalksEveryPageReadsOnlyUntaggedKeysAndKnowsOnlyItsOwnSt
     PVOID state = nullptr, foreign = &name;
     EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS); // the empty user vault
     ASSERT_NE(state, nullptr);
-    EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_NO_MORE_ITEMS);
-    EXPECT_EQ(VaultRequests().size(), 1u);
     EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &foreign, 0), NTE_INVALID_PARAMETER);
     EXPECT_EQ(ksp.FreeBuffer(state), 0);
     EXPECT_EQ(ksp.EnumKeys(provider, nullptr, &name, &state, 0), NTE_INVALID_PARAMETER); // freed: no longer known
@@ -147,9 +140,7 @@ TEST_F(OpenEnum, AlgorithmsOnOfferByOperation)
         {0, L"RSA 3 20,ECDSA_P256 5 16,ECDSA_P384 5 16,ECDSA_P521 5 16,ECDH_P256 4 24,ECDH_P384 4 24,ECDH_P521 4 24,"},
         {16, L"RSA 3 20,ECDSA_P256 5 16,ECDSA_P384 5 16,ECDSA_P521 5 16,"},
         {4, L"RSA 3 20,"},
-        {4 | 8, L"RSA 3 20,ECDH_P256 4 24,ECDH_P384 4 24,ECDH_P521 4 24,"},
         {8, L"0x80090029"},
-        {1, L"0x80090029"},
     };
     for (const Case &c : cases) {
         DWORD count = 0;
