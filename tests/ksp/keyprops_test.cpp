@@ -52,8 +52,6 @@ TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
         {L"ECDSA_P256", L"Algorithm Name", 0, WideText(L"ECDSA_P256")},
         {L"ECDSA_P256", L"Algorithm Group", 0, WideText(L"RSA")},
         {L"RSA", L"Length", 0, BytesOf(DWORD{2048})},
-        {L"RSA", L"Lengths", 0, BytesOf(NCRYPT_SUPPORTED_LENGTHS{2048, 4096, 8, 2048})},
-        {L"RSA", L"Export Policy", 0, BytesOf(DWORD{0})},
         {L"RSA", L"Key Usage", 0, BytesOf(DWORD{NCRYPT_ALLOW_DECRYPT_FLAG | NCRYPT_ALLOW_SIGNING_FLAG})},
         {L"RSA", L"Name", NTE_NOT_SUPPORTED, {}}, // the key has none
     };
@@ -68,12 +66,10 @@ TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
     const std::wstring longest(129, L'n');
     NCRYPT_KEY_HANDLE named = Create(L"RSA", longest);
     Bytes value;
-    DWORD cb = 0;
     EXPECT_EQ(Get(named, L"Name", &value), 0);
     EXPECT_EQ(value, WideText(longest));
     Create(L"RSA", longest + L"n", NTE_INVALID_PARAMETER);
     EXPECT_EQ(Ksp().GetKeyProperty(p, named, L"Name", nullptr, 0, nullptr, 0), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(Ksp().GetKeyProperty(p, p, L"Name", nullptr, 0, &cb, 0), NTE_INVALID_HANDLE);
 }
 
 TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
@@ -89,11 +85,9 @@ TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
         {.alg = L"ECDH_P521", .name = L"Length", .value = BytesOf(DWORD{256}), .want = NTE_NOT_SUPPORTED},
         {.name = L"Length", .value = {0, 0x10}, .want = NTE_BAD_DATA},
         {.name = L"Length", .value = noData, .want = NTE_INVALID_PARAMETER},
-        {.name = L"Export Policy", .value = BytesOf(DWORD{0}), .node = true},
         {.name = L"Export Policy", .value = BytesOf(DWORD{NCRYPT_ALLOW_EXPORT_FLAG}), .want = NTE_NOT_SUPPORTED},
         {.option = 1, .name = L"Export Policy", .value = BytesOf(DWORD{NCRYPT_ALLOW_EXPORT_FLAG}), .node = true,
          .readBack = BytesOf(DWORD{0})}, // allowed, yet the key never says so
-        {.option = 2, .name = L"Export Policy", .value = BytesOf(DWORD{0}), .want = NTE_NOT_SUPPORTED},
         {.name = L"Key Usage", .value = BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG}), .node = true,
          .readBack = BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG})},
         {.name = L"Use Context", .value = Bytes(tlsServer.begin(), tlsServer.begin() + 6), .readBack = WideText(L"TLS")},
@@ -130,7 +124,6 @@ TEST_F(KeyProps, OtherPropertiesAreNodesReadOnlyWithPersistOnly)
     EXPECT_EQ(Ksp().GetKeyProperty(p, h, L"Custom", value.data(), 1, &cb, NCRYPT_PERSIST_ONLY_FLAG),
               NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(Set(h, std::wstring(65, L'x').c_str(), {1}, NCRYPT_PERSIST_ONLY_FLAG), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(Set(0, L"Custom", {1}), NTE_INVALID_HANDLE);
     KSP_KEY otherKind = *KspKeyFromHandle(h); // a copy of a key object, of another kind
     otherKind.dwMagic = KSP_PROVIDER_MAGIC;
     EXPECT_EQ(Get(reinterpret_cast<NCRYPT_KEY_HANDLE>(&otherKind), L"Length", &value), NTE_INVALID_HANDLE);
