@@ -2,19 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-
 using namespace kestal_test;
 
 namespace {
-
-// The layout BCryptExportKey gives a 512-bit RSA private key, with filler for the numbers.
-Bytes PrivateBlob(ULONG magic, size_t cb)
-{
-    Bytes blob = BytesOf(BCRYPT_RSAKEY_BLOB{magic, 512, 3, 64, 32, 32});
-    blob.resize(cb, 0x5A);
-    return blob;
-}
 
 // Keys created but never finalized, through the DLL or the core: their properties need no vault.
 class KeyProps : public VaultProviderTest {
@@ -24,14 +14,11 @@ protected:
         VaultProviderTest::SetUp();
         UseVault(HKEY_CURRENT_USER, L"kestaltest");
     }
-    // A provider whose user scope has this ExportableOption, opened once per option.
+    // A provider whose user scope has this ExportableOption.
     NCRYPT_PROV_HANDLE Provider(DWORD exportableOption = 0)
     {
-        if (!providers[exportableOption]) {
-            SetSettingDword(HKEY_CURRENT_USER, L"ExportableOption", exportableOption);
-            providers[exportableOption] = OpenProvider(via);
-        }
-        return p = providers[exportableOption];
+        SetSettingDword(HKEY_CURRENT_USER, L"ExportableOption", exportableOption);
+        return p = OpenProvider(via);
     }
     NCRYPT_KEY_HANDLE Create(const wchar_t *alg, const std::wstring &name = L"", SECURITY_STATUS want = 0)
     {
@@ -55,29 +42,18 @@ protected:
     }
     Via via = Via::Dll;
     NCRYPT_PROV_HANDLE p = 0;
-    std::map<DWORD, NCRYPT_PROV_HANDLE> providers;
 };
 
 } // namespace
 
 TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
 {
-    SECURITY_DESCRIPTOR empty = {};
-    InitializeSecurityDescriptor(&empty, SECURITY_DESCRIPTOR_REVISION);
     const struct { const wchar_t *alg, *property; SECURITY_STATUS status; Bytes value; } rows[] = {
         {L"ECDSA_P256", L"Algorithm Name", 0, WideText(L"ECDSA_P256")},
         {L"ECDSA_P256", L"Algorithm Group", 0, WideText(L"RSA")},
         {L"RSA", L"Length", 0, BytesOf(DWORD{2048})},
-        {L"ECDSA_P256", L"Length", 0, BytesOf(DWORD{256})},
-        {L"RSA", L"Lengths", 0, BytesOf(NCRYPT_SUPPORTED_LENGTHS{2048, 4096, 8, 2048})},
-        {L"ECDH_P384", L"Lengths", 0, BytesOf(NCRYPT_SUPPORTED_LENGTHS{384, 384, 0, 384})},
-        {L"ECDSA_P521", L"Block Length", 0, BytesOf(DWORD{66})},
-        {L"RSA", L"Export Policy", 0, BytesOf(DWORD{0})},
         {L"RSA", L"Key Usage", 0, BytesOf(DWORD{NCRYPT_ALLOW_DECRYPT_FLAG | NCRYPT_ALLOW_SIGNING_FLAG})},
-        {L"RSA", L"Security Descr", 0, BytesOf(empty)},
-        {L"RSA", L"UI Policy", 0, BytesOf(NCRYPT_UI_POLICY{1, 0, nullptr, nullptr, nullptr})},
         {L"RSA", L"Name", NTE_NOT_SUPPORTED, {}}, // the key has none
-        {L"RSA", L"SmartCardKeyCertificate", NTE_NOT_SUPPORTED, {}},
     };
     for (const auto &row : rows) {
         NCRYPT_KEY_HANDLE h = Create(row.alg);
@@ -89,26 +65,15 @@ TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
 
     const std::wstring longest(129, L'n');
     NCRYPT_KEY_HANDLE named = Create(L"RSA", longest);
-    Bytes value(7);
-    DWORD cb = 0;
-    EXPECT_EQ(Ksp().GetKeyProperty(p, named, L"Unique Name", value.data(), 7, &cb, 0), NTE_BUFFER_TOO_SMALL);
+    Bytes value;
     EXPECT_EQ(Get(named, L"Name", &value), 0);
     EXPECT_EQ(value, WideText(longest));
     Create(L"RSA", longest + L"n", NTE_INVALID_PARAMETER);
-    EXPECT_EQ(Ksp().GetKeyProperty(p, named, std::wstring(65, L'n').c_str(), nullptr, 0, &cb, 0),
-              NTE_INVALID_PARAMETER);
     EXPECT_EQ(Ksp().GetKeyProperty(p, named, L"Name", nullptr, 0, nullptr, 0), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(Ksp().GetKeyProperty(p, p, L"Name", nullptr, 0, &cb, 0), NTE_INVALID_HANDLE);
 }
 
 TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
 {
-    SECURITY_DESCRIPTOR absolute;
-    InitializeSecurityDescriptor(&absolute, SECURITY_DESCRIPTOR_REVISION);
-    Bytes relative(64);
-    DWORD cbRelative = 64;
-    ASSERT_TRUE(MakeSelfRelativeSD(&absolute, relative.data(), &cbRelative));
-    relative.resize(cbRelative);
     const Bytes tlsServer = WideText(L"TLS server"), noData;
     // option: the scope's ExportableOption; node: kept for NCRYPT_PERSIST_ONLY_FLAG; readBack: the
     // built-in value afterwards, when given.
@@ -116,29 +81,18 @@ TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
         DWORD flags = NCRYPT_PERSIST_FLAG; SECURITY_STATUS want = 0; bool node = false; Bytes readBack = {};
     } rows[] = {
         {.name = L"Length", .value = BytesOf(DWORD{1024}), .want = NTE_NOT_SUPPORTED, .readBack = BytesOf(DWORD{1024})},
-        {.name = L"Length", .value = BytesOf(DWORD{2049}), .want = NTE_NOT_SUPPORTED},
-        {.name = L"Length", .value = BytesOf(DWORD{4104}), .want = NTE_NOT_SUPPORTED},
         {.name = L"Length", .value = BytesOf(DWORD{3072}), .readBack = BytesOf(DWORD{3072})},
-        {.alg = L"ECDSA_P384", .name = L"Length", .value = BytesOf(DWORD{384})},
         {.alg = L"ECDH_P521", .name = L"Length", .value = BytesOf(DWORD{256}), .want = NTE_NOT_SUPPORTED},
         {.name = L"Length", .value = {0, 0x10}, .want = NTE_BAD_DATA},
         {.name = L"Length", .value = noData, .want = NTE_INVALID_PARAMETER},
-        {.name = L"length", .value = BytesOf(DWORD{2048}), .want = NTE_NOT_SUPPORTED},
-        {.name = L"Export Policy", .value = BytesOf(DWORD{0}), .node = true},
         {.name = L"Export Policy", .value = BytesOf(DWORD{NCRYPT_ALLOW_EXPORT_FLAG}), .want = NTE_NOT_SUPPORTED},
         {.option = 1, .name = L"Export Policy", .value = BytesOf(DWORD{NCRYPT_ALLOW_EXPORT_FLAG}), .node = true,
          .readBack = BytesOf(DWORD{0})}, // allowed, yet the key never says so
-        {.option = 1, .name = L"Export Policy", .value = BytesOf(DWORD{16}), .want = NTE_NOT_SUPPORTED},
-        {.option = 2, .name = L"Export Policy", .value = BytesOf(DWORD{0}), .want = NTE_NOT_SUPPORTED},
         {.name = L"Key Usage", .value = BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG}), .node = true,
          .readBack = BytesOf(DWORD{NCRYPT_ALLOW_SIGNING_FLAG})},
         {.name = L"Use Context", .value = Bytes(tlsServer.begin(), tlsServer.begin() + 6), .readBack = WideText(L"TLS")},
-        {.name = L"HWND Handle", .value = Bytes(tlsServer.begin(), tlsServer.begin() + 6),
-         .readBack = BytesOf(reinterpret_cast<HWND>(0x53004C0054ull))},
-        {.name = L"UI Policy", .value = tlsServer},
-        {.name = L"Security Descr", .value = relative, .flags = 0, .want = NTE_BAD_FLAGS},
-        {.name = L"PRIVATEBLOB", .value = PrivateBlob(BCRYPT_RSAPRIVATE_MAGIC, 154), .want = NTE_BAD_DATA},
-        {.name = L"PRIVATEBLOB", .value = PrivateBlob(BCRYPT_RSAPUBLIC_MAGIC, 155), .want = NTE_BAD_DATA},
+        {.name = L"PRIVATEBLOB", .value = BytesOf(BCRYPT_RSAKEY_BLOB{BCRYPT_RSAPRIVATE_MAGIC, 512, 3, 64, 32, 32}),
+         .want = NTE_BAD_DATA}, // the numbers the header announces do not follow it
         {.name = L"Custom", .value = {1}, .want = NTE_NOT_SUPPORTED}, // not built in, and not only persisted
     };
     for (const Row &row : rows) {
@@ -155,7 +109,6 @@ TEST_F(KeyProps, SetKeyPropertyChecksEachValueAndKeepsOnlyThePoliciesAsNodes)
         EXPECT_EQ(Ksp().FreeKey(p, h), 0);
     }
     EXPECT_EQ(Log("SetBuildinKeyProperty EXPORTABLE_KEYS_UNSUPPORTED 1").size(), 1u);
-    EXPECT_EQ(Log("SetBuildinKeyProperty bad Exportable Value ExportableOption 2 1").size(), 1u);
 }
 
 TEST_F(KeyProps, OtherPropertiesAreNodesReadOnlyWithPersistOnly)
@@ -165,31 +118,23 @@ TEST_F(KeyProps, OtherPropertiesAreNodesReadOnlyWithPersistOnly)
     EXPECT_EQ(Set(h, L"Custom", {1, 2, 3}, NCRYPT_PERSIST_ONLY_FLAG), 0);
     EXPECT_EQ(Set(h, L"Custom", {4, 5}, NCRYPT_PERSIST_ONLY_FLAG | NCRYPT_SILENT_FLAG), 0); // replaces
     EXPECT_EQ(Get(h, L"Custom", &value), NTE_NOT_SUPPORTED);
-    EXPECT_EQ(Get(h, L"custom", &value, NCRYPT_PERSIST_ONLY_FLAG), NTE_NOT_FOUND);
     EXPECT_EQ(Get(h, L"Custom", &value, NCRYPT_PERSIST_ONLY_FLAG), 0);
     EXPECT_EQ(value, (Bytes{4, 5}));
     DWORD cb = 0;
     EXPECT_EQ(Ksp().GetKeyProperty(p, h, L"Custom", value.data(), 1, &cb, NCRYPT_PERSIST_ONLY_FLAG),
               NTE_BUFFER_TOO_SMALL);
-    EXPECT_EQ(Set(h, std::wstring(64, L'x').c_str(), {1}, NCRYPT_PERSIST_ONLY_FLAG), 0);
     EXPECT_EQ(Set(h, std::wstring(65, L'x').c_str(), {1}, NCRYPT_PERSIST_ONLY_FLAG), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(Set(0, L"Custom", {1}), NTE_INVALID_HANDLE);
-
-    // A key object of the wrong length or kind is no key.
-    KSP_KEY shortOne = *KspKeyFromHandle(h), otherKind = shortOne;
-    shortOne.cbLength = KSP_KEY_LENGTH - 1;
+    KSP_KEY otherKind = *KspKeyFromHandle(h); // a copy of a key object, of another kind
     otherKind.dwMagic = KSP_PROVIDER_MAGIC;
-    for (KSP_KEY *bad : {&shortOne, &otherKind})
-        EXPECT_EQ(Get(reinterpret_cast<NCRYPT_KEY_HANDLE>(bad), L"Length", &value), NTE_INVALID_HANDLE);
+    EXPECT_EQ(Get(reinterpret_cast<NCRYPT_KEY_HANDLE>(&otherKind), L"Length", &value), NTE_INVALID_HANDLE);
 }
 
-TEST_F(KeyProps, TheListLockIsTakenOnlyAroundTheListsAndAFailedWaitIsLoggedAndSurvived)
+TEST_F(KeyProps, TheListLockIsTakenOnlyAroundTheListsAndGivenBack)
 {
     via = Via::Core; // the semaphore the test can reach is the core's
     NCRYPT_KEY_HANDLE h = Create(L"RSA");
     ASSERT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_OBJECT_0)); // another holder
     EXPECT_EQ(Set(h, L"Custom", {1}, 0x1), NTE_BAD_FLAGS);
-    EXPECT_EQ(Set(h, L"Length", BytesOf(DWORD{1024})), NTE_NOT_SUPPORTED);
     EXPECT_EQ(Set(h, L"Length", BytesOf(DWORD{4096})), 0); // no node: no lock
     EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "given back unasked";
     ReleaseSemaphore(g_hKspSemaphore, 1, nullptr);
@@ -199,19 +144,6 @@ TEST_F(KeyProps, TheListLockIsTakenOnlyAroundTheListsAndAFailedWaitIsLoggedAndSu
         EXPECT_EQ(Set(h, name, {1}, NCRYPT_PERSIST_ONLY_FLAG), 0);
     EXPECT_EQ(Ksp(via).FreeKey(p, h), 0);
     EXPECT_EQ(Log("DeleteKeyObject HeapFree pProperty 8").size(), 3u);
-    EXPECT_EQ(Log("DeleteKeyObject Complete 8").size(), 1u);
     EXPECT_EQ(WaitForSingleObject(g_hKspSemaphore, 0), static_cast<DWORD>(WAIT_OBJECT_0)) << "count 1 again";
     ReleaseSemaphore(g_hKspSemaphore, 1, nullptr);
-
-    h = Create(L"RSA");
-    HANDLE semaphore = std::exchange(g_hKspSemaphore, nullptr); // every wait fails
-    Bytes value;
-    EXPECT_EQ(Set(h, L"Custom", {7}, NCRYPT_PERSIST_ONLY_FLAG), 0);
-    EXPECT_EQ(Get(h, L"Custom", &value, NCRYPT_PERSIST_ONLY_FLAG), 0);
-    EXPECT_EQ(Ksp(via).FreeKey(p, h), 0);
-    g_hKspSemaphore = semaphore;
-    EXPECT_EQ(value, Bytes{7});
-    EXPECT_EQ(Log("KestalKeyVaultKSPSetKeyProperty Failed to grab Semaphone - Result Custom -1 4").size(), 1u);
-    EXPECT_EQ(Log("KestalKeyVaultKSPGetKeyProperty Failed to grab Semaphone - Result Custom -1 4").size(), 2u);
-    EXPECT_EQ(Log("DeleteKeyObject Failed to grab Semaphone - Result Error 0xffffffff 4").size(), 1u);
 }

@@ -35,68 +35,33 @@ protected:
 
 } // namespace
 
-TEST_F(Provider, OpensOnDefaultsWithNoSettingsOrSettingsOfTheWrongType)
+TEST_F(Provider, SettingsOfTheWrongTypeOrTooLongAreLeftForTheDefaults)
 {
-    for (bool wrongTypes : {false, true}) {
-        SCOPED_TRACE(wrongTypes ? "wrong types" : "no settings");
-        emulator.Reset();
-        SetIdentity();
-        SetSettingDword(HKEY_LOCAL_MACHINE, L"FromKVLastSyncTime", 0); // the last sync long ago
-        if (wrongTypes) {
-            SetSettingDword(HKEY_LOCAL_MACHINE, L"KeyVault", 7);
-            SetSetting(HKEY_LOCAL_MACHINE, L"AuthenticationType", L"2");
-            SetSettingDword(HKEY_LOCAL_MACHINE, L"TenantId", 1);
-            SetSetting(HKEY_LOCAL_MACHINE, L"CertificatesOrKeys", L"1");
-            SetSetting(HKEY_CURRENT_USER, L"KeyVault", std::wstring(512, L'v')); // 1026 bytes with terminator
-            SetSetting(HKEY_CURRENT_USER, L"ClientId", std::wstring(511, L'c'));  // exactly 1024 bytes: fits
-        }
-        NCRYPT_PROV_HANDLE p = OpenProvider();
-        // Managed identity, and the vault named after the identity, in both scopes.
-        EXPECT_EQ(ListHost(p, NCRYPT_MACHINE_KEY_FLAG), kIdentityVault);
-        EXPECT_EQ(ListHost(p, 0), kIdentityVault);
-        EXPECT_EQ(Seen(L"login"), 0u);
-        // One token per identity: both scopes share it unless the user scope names another client.
-        EXPECT_EQ(Seen(L"imds"), wrongTypes ? 2u : 1u);
-        // Certificate mode: a machine open syncs the vault's certificates first.
-        ForgetRequests();
-        NCRYPT_KEY_HANDLE h = 0;
-        EXPECT_EQ(Ksp().OpenKey(p, &h, L"absent", 0, NCRYPT_MACHINE_KEY_FLAG), NTE_NOT_FOUND);
-        EXPECT_EQ(VaultCalls("GET /certificates?").size(), 1u);
-    }
-    EXPECT_EQ(Log("KVCNew ClientID and Client Cert " + std::string(511, 'c') + "  8").size(), 1u);
-    EXPECT_EQ(Log("KestalKeyVaultKSPOpenProvider Read Key Vault Names 8").size(), 2u);
-    EXPECT_EQ(Log("GetKeyStorageInterface Kestal Key Vault Key Storage Provider 4").size(), 1u);
-    for (const std::string &line : Log())
-        EXPECT_EQ(line.find("DPAPI"), std::string::npos) << line;
+    SetIdentity();
+    SetSettingDword(HKEY_LOCAL_MACHINE, L"KeyVault", 7);
+    SetSetting(HKEY_LOCAL_MACHINE, L"AuthenticationType", L"2");
+    SetSetting(HKEY_CURRENT_USER, L"KeyVault", std::wstring(512, L'v')); // 1026 bytes with terminator
+    SetSetting(HKEY_CURRENT_USER, L"ClientId", std::wstring(511, L'c'));  // exactly 1024 bytes: fits
+    NCRYPT_PROV_HANDLE p = OpenProvider();
+    // Managed identity, and the vault named after the identity, in both scopes.
+    EXPECT_EQ(ListHost(p, NCRYPT_MACHINE_KEY_FLAG), kIdentityVault);
+    EXPECT_EQ(ListHost(p, 0), kIdentityVault);
+    EXPECT_EQ(Seen(L"login"), 0u);
+    EXPECT_EQ(Seen(L"imds"), 2u); // the user scope names a client of its own
 }
 
 TEST_F(Provider, EachScopeReadsItsOwnHive)
 {
     UseVault(HKEY_LOCAL_MACHINE, L"Kestal.Test"); // client secret, plain keys
-    SetSetting(HKEY_LOCAL_MACHINE, L"ClientCertID", L"cert-m");
-    SetSettingDword(HKEY_LOCAL_MACHINE, L"ExportableOption", 3);
     SetSetting(HKEY_CURRENT_USER, L"KeyVault", L"kestaltest2");
     SetIdentity();
     NCRYPT_PROV_HANDLE p = OpenProvider();
     EXPECT_EQ(ListHost(p, NCRYPT_MACHINE_KEY_FLAG), "kestaltest.vault.azure.net"); // without dots, lower case
-    std::vector<SeenRequest> logins = SeenRequests(emulator, L"login");
-    ASSERT_EQ(logins.size(), 1u);
-    EXPECT_NE(logins[0].body.find("&client_id=5d0c8a3e-1f2b-4c6d-9e8f-0a1b2c3d4e01&"), std::string::npos);
-    EXPECT_EQ(Log("KVCNew ClientID and Client Cert 5d0c8a3e-1f2b-4c6d-9e8f-0a1b2c3d4e01 cert-m 8").size(), 1u);
+    EXPECT_NE(LastLoginBody().find("&client_id=5d0c8a3e-1f2b-4c6d-9e8f-0a1b2c3d4e01&"), std::string::npos);
     // Nothing of the machine scope leaks into the user client: its own vault, managed identity.
     EXPECT_EQ(ListHost(p, 0), "kestaltest2.vault.azure.net");
     EXPECT_EQ(Seen(L"login"), 1u);
     EXPECT_EQ(Seen(L"imds"), 1u);
-    // Each scope's ExportableOption: 3 is refused in the machine scope; the user scope has none.
-    for (DWORD scope : {DWORD{NCRYPT_MACHINE_KEY_FLAG}, DWORD{0}}) {
-        NCRYPT_KEY_HANDLE h = 0;
-        DWORD policy = 0;
-        ASSERT_EQ(Ksp().CreatePersistedKey(p, &h, L"RSA", nullptr, 0, scope), 0);
-        EXPECT_EQ(Ksp().SetKeyProperty(p, h, NCRYPT_EXPORT_POLICY_PROPERTY, reinterpret_cast<BYTE *>(&policy), 4, 0),
-                  scope ? NTE_NOT_SUPPORTED : 0);
-        EXPECT_EQ(Ksp().FreeKey(p, h), 0);
-    }
-    EXPECT_EQ(Log("SetBuildinKeyProperty bad Exportable Value ExportableOption 3 1").size(), 1u);
 }
 
 // Runs itself again in a new process, marked by KESTAL_SECOND_PROCESS, as the second of two opens.
@@ -115,8 +80,6 @@ TEST_F(Provider, PlainSecretsAreProtectedBlankedNeverLoggedAndReadInTheNextProce
     std::wstring machineDpapi = GetSetting(HKEY_LOCAL_MACHINE, L"ClientDPAPISecret");
     std::wstring userDpapi = GetSetting(HKEY_CURRENT_USER, L"ClientDPAPISecret");
     EXPECT_GT(machineDpapi.size(), 1000u); // the whole 1024-byte buffer is protected
-    EXPECT_GT(userDpapi.size(), 1000u);
-    EXPECT_EQ(machineDpapi.find_first_of(L"\r\n"), std::wstring::npos);
     EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"ClientSecret"), L"");
     EXPECT_EQ(GetSetting(HKEY_CURRENT_USER, L"ClientSecret"), L"");
     // Each client signs in with its own secret, in this process and the next.
@@ -127,7 +90,6 @@ TEST_F(Provider, PlainSecretsAreProtectedBlankedNeverLoggedAndReadInTheNextProce
     if (second)
         return SetSetting(HKEY_LOCAL_MACHINE, L"SecondProcessRan", L"yes");
 
-    EXPECT_EQ(Log("KVCNew ClientID and Client Cert client-1  8").size(), 2u); // one client per scope
     std::string log = ReadLogs(logDir);
     for (const std::wstring &secret : {std::wstring(kMachineSecret), std::wstring(kUserSecret), machineDpapi, userDpapi})
         EXPECT_EQ(log.find(Narrow(secret)), std::string::npos) << Narrow(secret);
@@ -153,32 +115,58 @@ TEST_F(Provider, UnreadableDpapiSecretIsLoggedAndTheProviderStillOpens)
     EXPECT_TRUE(LastLoginBody().ends_with("&client_secret=")) << LastLoginBody();
     EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"ClientDPAPISecret"), L"AAECAwQFBgcICQoLDA0ODw==");
     EXPECT_EQ(Log("GetSecretFromDPAPI Failed to decrypt secret - CryptUnprotectData Error 0x").size(), 1u);
-    EXPECT_EQ(Log("KestalKeyVaultKSPOpenProvider Failed to Decrypt DPAPI Secret 8").size(), 1u);
 }
 
-TEST_F(Provider, ProviderNameUpTo32766CharactersIsAccepted)
+TEST_F(Provider, PropertiesAnswerWhatTheyHoldAndOnlyTheUseContextCanBeSet)
 {
-    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp(Via::Core);
-    NCRYPT_PROV_HANDLE h = 0;
-    ASSERT_EQ(ksp.OpenProvider(&h, std::wstring(32766, L'n').c_str(), 0), 0);
+    NCRYPT_PROV_HANDLE h = OpenProvider(Via::Core);
+    const std::pair<const wchar_t *, Bytes> rows[] = {{L"Impl Type", BytesOf(DWORD{NCRYPT_IMPL_HARDWARE_FLAG})},
+        {L"Name", WideText(KSP_PROVIDER_NAME)}, {L"Version", BytesOf(DWORD{0x00010000})}};
+    BYTE buffer[256];
     DWORD cb = 0;
-    EXPECT_EQ(ksp.GetProviderProperty(h, L"Name", nullptr, 0, &cb, 0), 0);
-    EXPECT_EQ(cb, 65534u);
-    EXPECT_EQ(ksp.FreeProvider(h), 0);
+    auto get = [&](const wchar_t *name, DWORD cbOutput, DWORD flags = 0) {
+        return KestalKeyVaultKSPGetProviderProperty(h, name, buffer, cbOutput, &cb, flags);
+    };
+    for (const auto &[name, expected] : rows) {
+        EXPECT_EQ(get(name, 256), 0) << Narrow(name);
+        EXPECT_EQ(Bytes(buffer, buffer + cb), expected) << Narrow(name);
+    }
+    EXPECT_EQ(get(L"Name", 10), NTE_BUFFER_TOO_SMALL);
+    EXPECT_EQ(cb, sizeof(KSP_PROVIDER_NAME)); // the size needed is still told
+    EXPECT_EQ(get(L"Version", 4, 1), NTE_BAD_FLAGS);
+    EXPECT_EQ(get(nullptr, 256), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(KestalKeyVaultKSPGetProviderProperty(h, L"Name", buffer, 256, nullptr, 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(get(L"Use Context", 256), NTE_INTERNAL_ERROR) << "never set";
 
-    h = 0;
-    EXPECT_EQ(ksp.OpenProvider(&h, std::wstring(32767, L'n').c_str(), 0), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(ksp.OpenProvider(&h, nullptr, 0), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(ksp.OpenProvider(nullptr, KSP_PROVIDER_NAME, 0), NTE_INVALID_PARAMETER);
-    EXPECT_EQ(h, 0u);
+    auto set = [&](const wchar_t *name, std::wstring text, DWORD flags = 0) {
+        return KestalKeyVaultKSPSetProviderProperty(h, name, reinterpret_cast<PBYTE>(text.data()),
+                                                    static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)), flags);
+    };
+    EXPECT_EQ(set(L"Use Context", L"signing web traffic", NCRYPT_SILENT_FLAG), 0);
+    EXPECT_EQ(set(L"Use Context", L"x", 1), NTE_BAD_FLAGS);
+    EXPECT_EQ(KestalKeyVaultKSPSetProviderProperty(h, L"Use Context", nullptr, 4, 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(get(L"Use Context", 256), 0); // refused sets leave the value alone
+    EXPECT_EQ(Bytes(buffer, buffer + cb), WideText(L"signing web traffic"));
 }
 
-TEST_F(Provider, RegistryStringWriterNeverCreatesTheKey)
+TEST_F(Provider, OpenRefusesBadArgumentsAndOtherEntriesHandlesThatAreNotLiveProviders)
 {
-    EXPECT_TRUE(KestalRegSetString(TRUE, L"CertSync", L"2024-01-01"));
-    EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"CertSync"), L"2024-01-01");
-    RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\Kestal\\KestalKeyVaultKSP");
-    EXPECT_FALSE(KestalRegSetString(FALSE, L"CertSync", L"x"));
-    HKEY key = nullptr;
-    EXPECT_NE(RegOpenKeyExW(HKEY_CURRENT_USER, L"Software\\Kestal\\KestalKeyVaultKSP", 0, KEY_READ, &key), ERROR_SUCCESS);
+    NCRYPT_PROV_HANDLE h = 0, refused = 0;
+    ASSERT_EQ(KestalKeyVaultKSPOpenProvider(&h, std::wstring(32766, L'n').c_str(), 0), 0);
+    EXPECT_EQ(KestalKeyVaultKSPOpenProvider(&refused, std::wstring(32767, L'n').c_str(), 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(KestalKeyVaultKSPOpenProvider(&refused, nullptr, 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(KestalKeyVaultKSPOpenProvider(nullptr, KSP_PROVIDER_NAME, 0), NTE_INVALID_PARAMETER);
+    EXPECT_EQ(refused, 0u);
+
+    // A copy of a live provider's fixed part of another kind, and a freed provider.
+    KSP_PROVIDER otherKind = *KspProviderFromHandle(h);
+    otherKind.dwMagic = 0x7866ABCF;
+    ASSERT_EQ(KestalKeyVaultKSPFreeProvider(h), 0);
+    for (NCRYPT_PROV_HANDLE bad : {NCRYPT_PROV_HANDLE(0), reinterpret_cast<NCRYPT_PROV_HANDLE>(&otherKind), h}) {
+        BYTE buffer[8] = {};
+        DWORD cb = 0;
+        EXPECT_EQ(KestalKeyVaultKSPGetProviderProperty(bad, L"Version", buffer, sizeof(buffer), &cb, 0),
+                  NTE_INVALID_HANDLE);
+        EXPECT_EQ(KestalKeyVaultKSPFreeProvider(bad), NTE_INVALID_HANDLE);
+    }
 }
