@@ -31,7 +31,8 @@ ULONG EccMagicOfKey(const KVKey &kvKey)
 // An RSA modulus is written behind a zero byte unless its length is odd and it already starts
 // with one (an odd length is never 0, so n[0] exists when it is read); BitLength stays 8 per
 // modulus byte as the vault gave it. BCrypt and CryptoAPI import the extra zero byte as part of
-// the big-endian modulus without change; the export table of Export tests pins the layout.
+// the big-endian modulus without change. The blob lengths in the Export tests and
+// SignVerify.AModulusWithALeadingZeroIsA2048BitKey pin the layout.
 bool ModulusNeedsLeadingZero(const KVKey &kvKey) { return kvKey.n_siz % 2 == 0 || kvKey.n[0] != 0; }
 
 DWORD RsaBlobLength(const KVKey &kvKey)

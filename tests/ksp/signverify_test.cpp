@@ -87,6 +87,20 @@ TEST_F(SignVerify, EcHashIsResizedToTheCurveKeepingItsRightmostBytes)
     }
 }
 
+TEST_F(SignVerify, AModulusWithALeadingZeroIsA2048BitKey)
+{
+    // Some vault answers carry the modulus with a leading zero (257 bytes): still a 2048-bit key.
+    const std::string n = "AKCRTQAjSsaDshtMFdW-2Ie9yVnC5Xr1Suc06PAHINd10nXkVSB-N4TO62ClCkZV3XKnqU0nHo7o95WaZpym53W_DiO62umRtFKdl4UotL2QUh0y3SZWeWuoK2u_x2aMj17rUFN0f9GZMZ0pqEQNCPRBLVJ_-TEe2nGCWSC0exxGsRqz6R1zFkB-icfzQPe4WjQELOUXQ7J9RxhAPTTHtDivYYG-BeTRHrmF04JT1_6b9T_C8bAC0i0teT-nmlBLarQtBJKATXBx1yegbPOoiTqlQrFQP4MrKWNxtnB9Tcbjcvj-Z9je0ckI_eRc4DvAhqcUh_p15Dqg4GeaoNIO_jU";
+    NCRYPT_KEY_HANDLE key = SeedAndOpen("zeroled", R"("jwk":{"kty":"RSA","e":"AQAB","n":")" + n + "\"}");
+    DWORD cb = 0;
+    EXPECT_EQ(Ksp().SignHash(provider, key, nullptr, nullptr, 0, nullptr, 0, &cb, kPkcs1), 0);
+    EXPECT_EQ(cb, 256u);
+    Bytes blob = ExportKeyBlob(Ksp(), provider, key, BCRYPT_RSAPUBLIC_BLOB);
+    ASSERT_EQ(blob.size(), sizeof(BCRYPT_RSAKEY_BLOB) + 3 + 257);
+    EXPECT_EQ(reinterpret_cast<const BCRYPT_RSAKEY_BLOB *>(blob.data())->BitLength, 2048u);
+    EXPECT_EQ(Bytes(blob.end() - 257, blob.end()), FromBase64(n));
+}
+
 TEST_F(SignVerify, ChecksComeBeforeTheVaultAndPaddingAndHashMapToTheVaultAlgorithm)
 {
     NCRYPT_KEY_HANDLE rsa = SeedAndOpen("rsa", R"("kty":"RSA","key_size":2048)");
