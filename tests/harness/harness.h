@@ -1,5 +1,5 @@
-// Test harness: loads the provider as the CNG router does, talks HTTP through WinHTTP,
-// drives the emulated Azure's control API, and reads the registry and the daily log.
+// Test harness: loads the provider as the CNG router does, seeds and scripts the emulated Azure
+// (through the world client), and reads the registry and the daily log.
 #pragma once
 
 #include <windows.h>
@@ -14,69 +14,11 @@
 
 #include "ksp/ksp.h"
 #include "support/timeseam.h"
+#include "tests/harness/world.h"
 
 namespace kestal_test {
 
-// ---- JSON ------------------------------------------------------------------------------
-struct JsonPut {
-    void operator()(json_object *p) const { json_object_put(p); }
-};
-using Json = std::unique_ptr<json_object, JsonPut>;
-
-Json ParseJson(const std::string &text);
-std::string JsonString(json_object *obj, const char *member); // "" when absent or not a string
-
-// ---- Text ------------------------------------------------------------------------------
-std::wstring Widen(std::string_view text);
-std::string Narrow(std::wstring_view text);
-std::wstring EnvVar(const wchar_t *name);
-std::wstring ExeDir();
-
-// ---- HTTP ------------------------------------------------------------------------------
-struct HttpRequestSpec {
-    std::wstring url;
-    std::wstring method = L"GET";
-    std::vector<std::wstring> headers; // "Name: value"
-    std::string body;
-};
-
-struct HttpResult {
-    DWORD error = 0;  // WinHTTP error of a failed exchange, 0 when an answer came back
-    DWORD status = 0; // HTTP status
-    std::string body;
-};
-
-// One exchange with certificate validation on and no proxy.
-HttpResult HttpSend(const HttpRequestSpec &req);
-
-// ---- The emulated Azure's control API ------------------------------------------------
-class Emulator {
-public:
-    Emulator(); // from KESTAL_CONTROL_URL, set by the test world
-    HttpResult Call(const std::wstring &method, const std::wstring &path, const std::string &json = "") const;
-    void Reset() const;
-
-private:
-    std::wstring base_;
-};
-
-// Requests one service ("login", "vault", "imds", "arc") saw, oldest first.
-struct SeenRequest {
-    std::string method, url, host, body;
-    std::vector<std::pair<std::string, std::string>> headers; // raw order and case
-    bool tls = false;
-    bool newConnection = false;
-    int inFlight = 0; // the service's requests open when this one arrived, itself included
-    std::string Header(std::string_view name) const; // first value, any case; "" when absent
-    // "Name: value" of the headers the caller added, in order: WinHTTP's own User-Agent, Host
-    // and Content-Length left out.
-    std::vector<std::string> SentHeaders() const;
-};
-std::vector<SeenRequest> SeenRequests(const Emulator &emulator, const std::wstring &service);
-// Queues answers (a JSON array) for one service, optionally for one method and path, or bodies
-// that contain a text, only.
-void ScriptAnswers(const Emulator &emulator, const std::string &service, const std::string &responses,
-                   const std::string &method = "", const std::string &path = "", const std::string &bodyContains = "");
+std::wstring ExeDir(); // the test program's folder
 
 // A vault client record owned by a test.
 struct KvcDelete {
@@ -125,7 +67,6 @@ Json SeedKey(const Emulator &emulator, const std::wstring &vault, const std::str
 void SetPageSizes(const Emulator &emulator, const std::wstring &vault, const std::vector<int> &pageSizes);
 
 // ---- Bytes, and Windows' own cryptography to check the provider against ---------------------
-using Bytes = std::vector<BYTE>;
 template <typename T> Bytes BytesOf(const T &value) // the raw bytes of a value
 {
     return Bytes(reinterpret_cast<const BYTE *>(&value), reinterpret_cast<const BYTE *>(&value + 1));
@@ -139,9 +80,6 @@ inline std::string Hex(const Bytes &bytes)
 {
     return Hex(std::string_view(reinterpret_cast<const char *>(bytes.data()), bytes.size()));
 }
-Bytes FromBase64(std::string text); // standard or URL-safe alphabet, padding optional
-std::string ToBase64(const Bytes &bytes); // standard alphabet with padding
-std::string ToBase64Url(const Bytes &bytes); // URL-safe alphabet, no padding
 std::vector<BYTE> HashOf(const wchar_t *bcryptAlgorithm, std::string_view data);
 
 struct BcryptKeyDestroy {

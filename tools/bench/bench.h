@@ -8,6 +8,7 @@
 #include <json-c/json.h>
 
 #include "ksp/kspinterface.h"
+#include "tests/harness/world.h"
 
 #include <memory>
 #include <string>
@@ -16,14 +17,14 @@
 
 namespace bench {
 
-struct JsonPut {
-    void operator()(json_object *p) const { json_object_put(p); }
-};
-using Json = std::unique_ptr<json_object, JsonPut>;
-std::string JsonText(json_object *obj, const char *member); // "" when absent or not a string
-
-std::wstring Widen(const std::string &text);
-std::string Narrow(const std::wstring &text);
+// JSON, text and Base64 helpers and the emulator's request log come from the test world's client.
+using kestal_test::FromBase64;
+using kestal_test::Json;
+using kestal_test::JsonString;
+using kestal_test::Narrow;
+using kestal_test::ToBase64;
+using kestal_test::Widen;
+using Seen = kestal_test::SeenRequest;
 
 // ---- HTTP ------------------------------------------------------------------------------------
 struct InternetClose {
@@ -65,14 +66,7 @@ HttpAnswer SendFresh(const std::wstring &host, INTERNET_PORT port, const HttpReq
 HttpAnswer Control(const wchar_t *verb, const std::wstring &path, const std::string &json = "");
 void ControlOrDie(const wchar_t *verb, const std::wstring &path, const std::string &json = "");
 
-// What the emulator's log says of one request.
-struct Seen {
-    std::string service, method, url, body;
-    std::vector<std::pair<std::string, std::string>> headers; // raw order and case
-    bool newConnection = false;
-    int inFlight = 0;
-};
-std::vector<Seen> Requests(const wchar_t *service = nullptr); // oldest first
+std::vector<Seen> Requests(const wchar_t *service = L""); // oldest first; "" for every service
 void ClearRequests();
 int CountRequests(const std::vector<Seen> &seen, const char *service);
 
@@ -89,8 +83,6 @@ struct CpuClock {
 };
 CpuClock ReadCpu();
 std::vector<BYTE> RandomBytes(DWORD cb);
-std::string Base64(const std::vector<BYTE> &bytes); // standard alphabet, padded
-std::vector<BYTE> FromBase64(std::string text);     // either alphabet, padding optional
 
 struct MemorySample {
     double committedPrivateBytes = 0; // VirtualQuery: committed private regions

@@ -104,7 +104,7 @@ void WriteSummary(json_object *results, const std::vector<Target> &targets, FILE
         for (size_t i = 0; i < json_object_array_length(rows); ++i) {
             json_object *row = json_object_array_get_idx(rows, i);
             auto num = [&](const char *m) { return json_object_get_double(json_object_object_get(row, m)); };
-            fprintf(out, "| %s | %s | %.2f | %.2f | %.2f |\n", label, JsonText(row, "row").c_str(), num("medianMs"),
+            fprintf(out, "| %s | %s | %.2f | %.2f | %.2f |\n", label, JsonString(row, "row").c_str(), num("medianMs"),
                     num("p90Ms"), num("p99Ms"));
         }
     }

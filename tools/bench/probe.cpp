@@ -177,33 +177,6 @@ std::vector<BYTE> RandomBytes(DWORD cb)
     return bytes;
 }
 
-std::string Base64(const std::vector<BYTE> &bytes)
-{
-    constexpr DWORD kFlags = CRYPT_STRING_BASE64 | CRYPT_STRING_NOCRLF;
-    DWORD cch = 0;
-    if (bytes.empty() || !CryptBinaryToStringA(bytes.data(), static_cast<DWORD>(bytes.size()), kFlags, nullptr, &cch))
-        return "";
-    std::string text(cch, '\0');
-    CryptBinaryToStringA(bytes.data(), static_cast<DWORD>(bytes.size()), kFlags, text.data(), &cch);
-    text.resize(cch);
-    return text;
-}
-
-std::vector<BYTE> FromBase64(std::string text)
-{
-    for (char &c : text)
-        c = c == '-' ? '+' : c == '_' ? '/' : c;
-    while (text.size() % 4)
-        text += '=';
-    DWORD cb = 0;
-    if (!CryptStringToBinaryA(text.c_str(), 0, CRYPT_STRING_BASE64, nullptr, &cb, nullptr, nullptr))
-        return {};
-    std::vector<BYTE> bytes(cb);
-    CryptStringToBinaryA(text.c_str(), 0, CRYPT_STRING_BASE64, bytes.data(), &cb, nullptr, nullptr);
-    bytes.resize(cb);
-    return bytes;
-}
-
 MemorySample SampleMemory()
 {
     MemorySample sample;

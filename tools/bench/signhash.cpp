@@ -29,7 +29,7 @@ struct RawSign {
 
     HttpRequest Build(const std::vector<BYTE> &hash, const std::string &token) const
     {
-        HttpRequest request{L"POST", path, L"", "{\"alg\":\"" + alg + "\",\"value\":\"" + Base64(hash) + "\"}"};
+        HttpRequest request{L"POST", path, L"", "{\"alg\":\"" + alg + "\",\"value\":\"" + ToBase64(hash) + "\"}"};
         for (const auto &[name, value] : headers) {
             std::string v = _stricmp(name.c_str(), "Authorization") == 0       ? "Bearer " + token
                             : _stricmp(name.c_str(), "client-request-id") == 0 ? NewRequestId()
@@ -66,7 +66,7 @@ RawSign TemplateOf(const Seen &seen)
         if (!WinHttpOwnHeader(header.first))
             raw.headers.push_back(header);
     Json body(json_tokener_parse(seen.body.c_str()));
-    raw.alg = JsonText(body.get(), "alg");
+    raw.alg = JsonString(body.get(), "alg");
     return raw;
 }
 
@@ -74,7 +74,7 @@ RawSign TemplateOf(const Seen &seen)
 std::vector<BYTE> SignatureOf(const HttpAnswer &answer)
 {
     Json doc(json_tokener_parse(answer.body.c_str()));
-    return answer.status == 200 ? FromBase64(JsonText(doc.get(), "value")) : std::vector<BYTE>();
+    return answer.status == 200 ? FromBase64(JsonString(doc.get(), "value")) : std::vector<BYTE>();
 }
 
 enum Row { kDllFresh, kRawFresh, kDllReuse, kRawKept, kRows };

@@ -1,5 +1,5 @@
-// Plain WinHTTP exchanges: the raw client the provider is measured against, the sign-in that
-// gives it a token, and the emulated Azure's control API and request log.
+// Plain WinHTTP exchanges: the raw client the provider is measured against and the sign-in that
+// gives it a token; the emulated Azure's control API and request log through the world client.
 #include "tools/bench/bench.h"
 
 #include <stdexcept>
@@ -20,52 +20,7 @@ std::string ReadBody(HINTERNET request)
     return body;
 }
 
-// The control API's base, split once.
-struct ControlBase {
-    std::wstring host;
-    INTERNET_PORT port = 0;
-};
-
-const ControlBase &Base()
-{
-    static const ControlBase base = [] {
-        wchar_t url[256];
-        DWORD n = GetEnvironmentVariableW(L"KESTAL_CONTROL_URL", url, ARRAYSIZE(url));
-        URL_COMPONENTS parts = {};
-        parts.dwStructSize = sizeof(parts);
-        parts.dwHostNameLength = static_cast<DWORD>(-1);
-        if (n == 0 || n >= ARRAYSIZE(url) || !WinHttpCrackUrl(url, 0, 0, &parts))
-            throw std::runtime_error("KESTAL_CONTROL_URL is not set: run the bench inside the test world");
-        return ControlBase{std::wstring(parts.lpszHostName, parts.dwHostNameLength), parts.nPort};
-    }();
-    return base;
-}
-
 } // namespace
-
-std::string JsonText(json_object *obj, const char *member)
-{
-    json_object *value = nullptr;
-    if (!obj || !json_object_object_get_ex(obj, member, &value) || !json_object_is_type(value, json_type_string))
-        return "";
-    return json_object_get_string(value);
-}
-
-std::wstring Widen(const std::string &text)
-{
-    int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring out(n > 0 ? n : 0, L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n);
-    return out;
-}
-
-std::string Narrow(const std::wstring &text)
-{
-    int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(n > 0 ? n : 0, '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
-    return out;
-}
 
 HttpConnection::HttpConnection(const std::wstring &host, INTERNET_PORT port, bool keepAlive)
     : session_(WinHttpOpen(kUserAgent, WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
@@ -113,8 +68,8 @@ HttpAnswer SendFresh(const std::wstring &host, INTERNET_PORT port, const HttpReq
 
 HttpAnswer Control(const wchar_t *verb, const std::wstring &path, const std::string &json)
 {
-    HttpRequest request{verb, path, json.empty() ? L"" : L"Content-Type: application/json\r\n", json};
-    return HttpConnection(Base().host, Base().port, false).Send(request);
+    kestal_test::HttpResult result = kestal_test::Emulator().Call(verb, path, json);
+    return HttpAnswer{result.error, result.status, std::move(result.body)};
 }
 
 void ControlOrDie(const wchar_t *verb, const std::wstring &path, const std::string &json)
@@ -126,25 +81,7 @@ void ControlOrDie(const wchar_t *verb, const std::wstring &path, const std::stri
 
 std::vector<Seen> Requests(const wchar_t *service)
 {
-    HttpAnswer answer = Control(L"GET", service ? std::wstring(L"/requests?service=") + service : L"/requests");
-    Json log(json_tokener_parse(answer.body.c_str()));
-    if (!log || !json_object_is_type(log.get(), json_type_array))
-        throw std::runtime_error("the emulator's request log cannot be read");
-    std::vector<Seen> seen;
-    for (size_t i = 0; i < json_object_array_length(log.get()); ++i) {
-        json_object *entry = json_object_array_get_idx(log.get(), i);
-        Seen s{JsonText(entry, "service"), JsonText(entry, "method"), JsonText(entry, "url"), JsonText(entry, "body")};
-        json_object *headers = json_object_object_get(entry, "headers");
-        for (size_t h = 0; h < json_object_array_length(headers); ++h) {
-            json_object *pair = json_object_array_get_idx(headers, h);
-            s.headers.emplace_back(json_object_get_string(json_object_array_get_idx(pair, 0)),
-                                   json_object_get_string(json_object_array_get_idx(pair, 1)));
-        }
-        s.newConnection = json_object_get_boolean(json_object_object_get(entry, "newConnection"));
-        s.inFlight = json_object_get_int(json_object_object_get(entry, "inFlight"));
-        seen.push_back(std::move(s));
-    }
-    return seen;
+    return kestal_test::SeenRequests(kestal_test::Emulator(), service);
 }
 
 void ClearRequests() { ControlOrDie(L"DELETE", L"/requests"); }
@@ -166,7 +103,7 @@ std::string SignIn(const std::string &tenant, const std::string &clientId, const
                             "&resource=https%3A%2F%2Fvault.azure.net"};
     HttpAnswer answer = SendFresh(L"login.microsoftonline.com", kTlsPort, request);
     Json doc(json_tokener_parse(answer.body.c_str()));
-    return answer.status == 200 ? JsonText(doc.get(), "access_token") : "";
+    return answer.status == 200 ? JsonString(doc.get(), "access_token") : "";
 }
 
 } // namespace bench
