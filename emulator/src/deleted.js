@@ -94,30 +94,29 @@ function getDeleted(ctx, kind, name) {
   http.answer(ctx, 200, deletedBundle(ctx, entry));
 }
 
-function purge(ctx, kind, name) {
+// The deleted entry that purge and recover may act on, or null once the refusal is answered.
+function settledEntry(ctx, kind, name) {
   const entry = entryFor(ctx.vault, kind, name);
   if (!entry) {
     http.notFound(ctx, kind, name);
-    return;
+    return null;
   }
   if (stillDeleting(entry)) {
     beingDeleted(ctx, kind);
-    return;
+    return null;
   }
+  return entry;
+}
+
+function purge(ctx, kind, name) {
+  if (!settledEntry(ctx, kind, name)) return;
   ctx.vault[KINDS[kind].map].delete(name.toLowerCase());
   http.answer(ctx, 204, null);
 }
 
 function recover(ctx, kind, name) {
-  const entry = entryFor(ctx.vault, kind, name);
-  if (!entry) {
-    http.notFound(ctx, kind, name);
-    return;
-  }
-  if (stillDeleting(entry)) {
-    beingDeleted(ctx, kind);
-    return;
-  }
+  const entry = settledEntry(ctx, kind, name);
+  if (!entry) return;
   const id = name.toLowerCase();
   ctx.vault[KINDS[kind].map].delete(id);
   if (kind === 'key') {
