@@ -35,17 +35,26 @@ constexpr struct {
 };
 
 
-// The key name the caller passed in the parameter list, or null.
-const WCHAR *KeyNameParameter(const NCryptBufferDesc *pParameterList)
+// The key name the caller passed in the parameter list (null when none). A given name must be
+// non-empty, as CreatePersistedKey requires, and end inside its buffer: cbBuffer is all the
+// caller vouches for, so the text is never read past it.
+SECURITY_STATUS KeyNameParameter(const NCryptBufferDesc *pParameterList, const WCHAR **ppszKeyName)
 {
+    *ppszKeyName = nullptr;
     if (!pParameterList || !pParameterList->pBuffers)
-        return nullptr;
+        return ERROR_SUCCESS;
     for (ULONG i = 0; i < pParameterList->cBuffers; ++i) {
         const NCryptBuffer &buffer = pParameterList->pBuffers[i];
-        if (buffer.BufferType == NCRYPTBUFFER_PKCS_KEY_NAME && buffer.pvBuffer && buffer.cbBuffer >= sizeof(WCHAR))
-            return static_cast<const WCHAR *>(buffer.pvBuffer);
+        if (buffer.BufferType != NCRYPTBUFFER_PKCS_KEY_NAME)
+            continue;
+        const auto *pszName = static_cast<const WCHAR *>(buffer.pvBuffer);
+        const size_t cchMax = buffer.cbBuffer / sizeof(WCHAR);
+        if (!pszName || cchMax == 0 || !pszName[0] || wcsnlen(pszName, cchMax) == cchMax)
+            return NTE_INVALID_PARAMETER;
+        *ppszKeyName = pszName;
+        return ERROR_SUCCESS;
     }
-    return nullptr;
+    return ERROR_SUCCESS;
 }
 
 // Clear key material: wiped before it goes back to whoever allocated it.
@@ -287,9 +296,11 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPImportKey(NCRYPT_PROV_HANDLE 
         return NTE_NOT_SUPPORTED;
     }
 
-    const WCHAR *pszKeyName = KeyNameParameter(pParameterList);
+    const WCHAR *pszKeyName = nullptr;
     KSP_KEY *pKey = nullptr;
-    SECURITY_STATUS status = CreateNewKeyObject(pszKeyName, BCRYPT_RSA_ALGORITHM, &pKey, 0);
+    SECURITY_STATUS status = KeyNameParameter(pParameterList, &pszKeyName);
+    if (status == ERROR_SUCCESS)
+        status = CreateNewKeyObject(pszKeyName, BCRYPT_RSA_ALGORITHM, &pKey, 0);
     if (status != ERROR_SUCCESS)
         return KspFail(L"KestalKeyVaultKSPImportKey", status);
     pKey->kvc = provider->kvcUser;
