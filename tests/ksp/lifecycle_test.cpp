@@ -117,6 +117,53 @@ TEST_F(Lifecycle, RefusalsAndVaultFailuresLeaveUsableHandles)
     EXPECT_EQ(ksp.DeleteKey(p, h, NCRYPT_SILENT_FLAG), 0);
 }
 
+// certreq -accept binds the issued certificate to the key; freeing the key publishes it to the vault once.
+TEST_F(Lifecycle, FreeKeyUploadsTheBoundStoreCertificateOnce)
+{
+    UseVault(HKEY_LOCAL_MACHINE, L"kestaltest", 0);
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE &ksp = Ksp();
+    NCRYPT_PROV_HANDLE p = OpenProvider();
+    NCRYPT_KEY_HANDLE h = 0;
+    ASSERT_EQ(ksp.CreatePersistedKey(p, &h, L"RSA", L"pub", 0, kMachine), 0);
+    ASSERT_EQ(ksp.FinalizeKey(p, h, 0), 0);
+
+    // The certificate a CA would issue for the key: the placeholder's key under another subject.
+    const std::string placeholder = Merged(L"pub");
+    PCCERT_CONTEXT base = CertCreateCertificateContext(X509_ASN_ENCODING, ToBytes(placeholder).data(),
+                                                       Size(placeholder));
+    ASSERT_TRUE(base);
+    BYTE subject[128], tbs[4096], der[4096];
+    DWORD cbSubject = sizeof(subject), cbTbs = sizeof(tbs), cbDer = sizeof(der);
+    CertStrToNameW(X509_ASN_ENCODING, L"CN=issued.example", CERT_X500_NAME_STR, nullptr, subject, &cbSubject, nullptr);
+    CERT_INFO info = *base->pCertInfo;
+    info.Subject = {cbSubject, subject};
+    ASSERT_TRUE(CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT_TO_BE_SIGNED, &info, 0, nullptr, tbs, &cbTbs));
+    CERT_SIGNED_CONTENT_INFO signedInfo = {{cbTbs, tbs}, info.SignatureAlgorithm, {8, tbs, 0}};
+    ASSERT_TRUE(CryptEncodeObjectEx(X509_ASN_ENCODING, X509_CERT, &signedInfo, 0, nullptr, der, &cbDer));
+    CertFreeCertificateContext(base);
+    const std::wstring thumbprint = Widen(Hex(HashOf(BCRYPT_SHA1_ALGORITHM, ToStr(der, cbDer))));
+    HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"My");
+    PCCERT_CONTEXT added = nullptr;
+    CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der, cbDer, CERT_STORE_ADD_REPLACE_EXISTING, &added);
+    CRYPT_KEY_PROV_INFO bound = {const_cast<LPWSTR>(L"pub"), const_cast<LPWSTR>(KSP_PROVIDER_NAME), 0, kMachine};
+    CertSetCertificateContextProperty(added, CERT_KEY_PROV_INFO_PROP_ID, 0, &bound);
+    CertFreeCertificateContext(added);
+    CertCloseStore(store, 0);
+
+    EXPECT_EQ(ksp.SetKeyProperty(p, h, NCRYPT_CERTIFICATE_PROPERTY, der, cbDer, 0), 0);
+    EXPECT_EQ(ksp.FreeKey(p, h), 0);
+    // The placeholder's merge, then the store certificate's.
+    EXPECT_EQ(VaultCalls("POST /certificates/pub/pending/merge").size(), 2u);
+    EXPECT_EQ(GetSetting(HKEY_LOCAL_MACHINE, L"CertSync"), thumbprint + L",");
+    ASSERT_EQ(ksp.OpenKey(p, &h, L"pub", 0, kMachine), 0);
+    size_t afterOpen = VaultRequests().size();
+    EXPECT_EQ(ksp.SetKeyProperty(p, h, NCRYPT_CERTIFICATE_PROPERTY, der, cbDer, 0), 0);
+    EXPECT_EQ(ksp.FreeKey(p, h), 0);
+    EXPECT_EQ(VaultRequests().size(), afterOpen) << "a recorded thumbprint needs no vault call";
+    const std::wstring stored = L"Software\\Microsoft\\SystemCertificates\\My\\Certificates\\" + thumbprint;
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, stored.c_str());
+}
+
 TEST_F(Lifecycle, ImportTakesOnlyRsaPrivateKeysAndFinalizeSendsThemToTheVault)
 {
     UseVault(HKEY_CURRENT_USER, L"kestaltest");
@@ -130,6 +177,13 @@ TEST_F(Lifecycle, ImportTakesOnlyRsaPrivateKeysAndFinalizeSendsThemToTheVault)
     EXPECT_EQ(import(BCRYPT_RSAPRIVATE_BLOB, rsa, kLater | kMachine), NTE_NOT_SUPPORTED);
     EXPECT_EQ(import(BCRYPT_PRIVATE_KEY_BLOB, ecc, kLater), NTE_NOT_SUPPORTED);
     EXPECT_EQ(import(BCRYPT_RSAFULLPRIVATE_BLOB, rsa, kLater), NTE_BAD_DATA); // magic of the other form
+    // A key name must be non-empty and end inside its buffer: nothing is read past cbBuffer.
+    wchar_t empty[] = L"", unterminated[] = {L'k', L'e', L'y'};
+    for (auto [name, cb] : {std::pair<wchar_t *, ULONG>{empty, 2}, {unterminated, sizeof(unterminated)}}) {
+        NCryptBuffer buffer = {cb, NCRYPTBUFFER_PKCS_KEY_NAME, name};
+        NCryptBufferDesc parameters = {NCRYPTBUFFER_VERSION, 1, &buffer};
+        EXPECT_EQ(ksp.ImportKey(p, 0, BCRYPT_RSAPRIVATE_BLOB, &parameters, &h, rsa, 64, kLater), NTE_INVALID_PARAMETER);
+    }
     EXPECT_EQ(VaultRequests().size(), 0u);
 
     BCRYPT_ALG_HANDLE alg = nullptr;
