@@ -26,7 +26,7 @@ bool Cat(BldStr *pstr, std::initializer_list<const WCHAR *> pieces)
 //   {"kty":"RSA-HSM","key_size":"2048","tags": {"AlgID":"RSA","KeyName":"web"}}
 // The size goes as a JSON string, which the vault reads like a number; the "AlgID" tag is what
 // EnumKeys and OpenKey read back to tell ECDSA from ECDH keys. The create-body rows of
-// Create.CreateKeyEncodesAndEscapesTheNameAndFollowsTheCertificateMode pin the bytes. The names are
+// Create.PlainBodiesFollowTheAlgorithmName pin the bytes. The names are
 // escaped: a quote or backslash in a CNG name must not break the body. Null when out of memory.
 char *PlainKeyBody(const KVC_KEY_TYPE &type, bool fHsm, DWORD dwKeyBitLength, const WCHAR *pszAlgorithm,
                    const WCHAR *pszClearName)

@@ -49,6 +49,7 @@ TEST_F(KeyProps, BuiltInPropertiesAnswerFromTheKeyObject)
 {
     const struct { const wchar_t *alg, *property; SECURITY_STATUS status; Bytes value; } rows[] = {
         {L"ECDSA_P256", L"Algorithm Name", 0, WideText(L"ECDSA_P256")},
+        {L"ECDSA_P256", L"Algorithm Group", 0, WideText(L"RSA")}, // what older callers branch on
         {L"RSA", L"Length", 0, BytesOf(DWORD{2048})},
         {L"RSA", L"Key Usage", 0, BytesOf(DWORD{NCRYPT_ALLOW_DECRYPT_FLAG | NCRYPT_ALLOW_SIGNING_FLAG})},
         {L"RSA", L"Name", NTE_NOT_SUPPORTED, {}}, // the key has none

@@ -54,3 +54,19 @@ TEST_F(KeyNames, OddBodiesAndArgumentsNeverFault)
     EXPECT_TRUE(!key.kty && !key.n && !key.key_ops && !key.crv && key.version[0] == 0 && key.AlgID[0] == 0);
     EXPECT_EQ(KVCParseJSONKey(L"k", nullptr, &key), 0);
 }
+
+// A KeyVault setting as administrators type it (upper case, dots, patterns) names the vault the
+// service knows, in lower case.
+TEST_F(KeyNames, VaultNamePatternsExpandAndReduce)
+{
+    auto vaultName = [](const wchar_t *pattern) {
+        KvcOwner kvc(KVCNew(pattern, 2, L"tenant-1", L"client-1", L"not-a-real-secret", L"cert-1", TRUE, 1, 1, 0));
+        return std::wstring(kvc && kvc->kvName ? kvc->kvName->cStr : L"<absent>");
+    };
+    EXPECT_EQ(vaultName(L"My.Vault%x-Name"), L"myvault-name");
+    EXPECT_EQ(vaultName(L"trailing%"), L"trailing");
+    wchar_t dns[257] = {};
+    DWORD n = ARRAYSIZE(dns);
+    ASSERT_TRUE(GetComputerNameExW(ComputerNameDnsFullyQualified, dns, &n) && n > 0);
+    EXPECT_EQ(vaultName(L"%D"), vaultName(dns)); // this computer's DNS name
+}
