@@ -13,9 +13,10 @@ using Export = VaultKeyTest;
 TEST_F(Export, PublicBlobsAreBuiltFromTheKeyRecordWithoutTheVault)
 {
     const struct { const char *name, *members; const wchar_t *blobType; ULONG magic; size_t length; } rows[] = {
-        {"rsa3072", R"("kty":"RSA","key_size":3072)", L"PUBLICBLOB", BCRYPT_RSAPUBLIC_MAGIC, 24 + 3 + 385},
-        {"p384", R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDH"})", L"ECCPUBLICBLOB", BCRYPT_ECDH_PUBLIC_P384_MAGIC,
-         104},
+        {.name = "rsa3072", .members = R"("kty":"RSA","key_size":3072)", .blobType = L"PUBLICBLOB",
+         .magic = BCRYPT_RSAPUBLIC_MAGIC, .length = 24 + 3 + 385}, // header, exponent, zero-led modulus
+        {.name = "p384", .members = R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDH"})",
+         .blobType = L"ECCPUBLICBLOB", .magic = BCRYPT_ECDH_PUBLIC_P384_MAGIC, .length = 8 + 2 * 48},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);

@@ -25,9 +25,12 @@ protected:
 TEST_F(OpenEnum, OpenKeyTakesAlgorithmAndLengthFromTheVaultKeyOfItsScope)
 {
     const struct { const char *name, *members; DWORD flags; const wchar_t *algorithm; DWORD bits; } rows[] = {
-        {"rsa2048", R"("kty":"RSA","key_size":2048)", kMachine, L"RSA", 2048},
-        {"p384", R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDSA_P384"})", NCRYPT_SILENT_FLAG, L"ECDSA_P384", 384},
-        {"p521", R"("kty":"EC","crv":"P-521","key_ops":["sign"],"tags":{"owner":"ops"})", kMachine, L"ECDSA_P521", 521},
+        {.name = "rsa2048", .members = R"("kty":"RSA","key_size":2048)", .flags = kMachine, .algorithm = L"RSA",
+         .bits = 2048},
+        {.name = "p384", .members = R"("kty":"EC","crv":"P-384","tags":{"AlgID":"ECDSA_P384"})",
+         .flags = NCRYPT_SILENT_FLAG, .algorithm = L"ECDSA_P384", .bits = 384},
+        {.name = "p521", .members = R"("kty":"EC","crv":"P-521","key_ops":["sign"],"tags":{"owner":"ops"})",
+         .flags = kMachine, .algorithm = L"ECDSA_P521", .bits = 521},
     };
     NCRYPT_PROV_HANDLE provider = OpenProvider();
     for (const auto &row : rows) {
