@@ -150,14 +150,32 @@ std::string FormValue(const wchar_t *pszValue)
     return encoded;
 }
 
-// Asks the token endpoint once more and reads its error: the AADSTS code, or 0 and the status.
-long TokenError(KVC *kvc, DWORD *pdwStatus, std::string *pError)
+// The provider's sign-in host and token path, from its "https://<host>/<tenant>": the cloud's
+// own authority, never another cloud's.
+bool LoginTarget(KVC *kvc, std::wstring *pHost, std::wstring *pPath)
 {
-    constexpr wchar_t kLoginHost[] = L"login.microsoftonline.com";
-    std::wstring path = L"/" + std::wstring(Text(kvc->tenantId)) + L"/oauth2/token";
+    constexpr wchar_t kScheme[] = L"https://";
+    constexpr size_t cchScheme = ARRAYSIZE(kScheme) - 1;
+    KVCGetLoginUrl(kvc);
+    const std::wstring url = Text(kvc->loginUrl);
+    const size_t slash = url.find(L'/', cchScheme);
+    if (_wcsnicmp(url.c_str(), kScheme, cchScheme) != 0 || slash == std::wstring::npos || slash == cchScheme)
+        return false;
+    *pHost = url.substr(cchScheme, slash - cchScheme);
+    *pPath = url.substr(slash) + L"/oauth2/token";
+    return true;
+}
+
+// Asks the token endpoint once more and reads its error: the AADSTS code, or 0 and the status.
+long TokenError(KVC *kvc, const std::wstring &host, const std::wstring &path, DWORD *pdwStatus, std::string *pError)
+{
+    std::string secret = FormValue(Text(kvc->clientSecret));
     std::string body = "resource=" + FormValue(Text(kvc->resource)) + "&grant_type=client_credentials&client_id=" +
-                       FormValue(Text(kvc->clientId)) + "&client_secret=" + FormValue(Text(kvc->clientSecret));
-    KVC_WEB_RESPONSE *resp = KVCDoWebCall(kvc, 443, kLoginHost, path.c_str(), L"POST",
+                       FormValue(Text(kvc->clientId)) + "&client_secret=";
+    body.reserve(body.size() + secret.size() + 1);
+    body += secret;
+    SecureZeroMemory(secret.data(), secret.size());
+    KVC_WEB_RESPONSE *resp = KVCDoWebCall(kvc, 443, host.c_str(), path.c_str(), L"POST",
                                           L"Content-Type: application/x-www-form-urlencoded\r\n"
                                           L"Accept: application/json\r\n",
                                           body.c_str());
@@ -194,11 +212,16 @@ void ExplainClientSecretFailure(BOOL fMachine, KVC *kvc)
                 pszUser);
         return;
     }
+    std::wstring host, path;
+    if (!LoginTarget(kvc, &host, &path)) {
+        Out(L"Sign-in failed: no sign-in address could be made from TenantId. Check TenantId.\n");
+        return;
+    }
     DWORD dwStatus = 0;
     std::string error;
-    long code = TokenError(kvc, &dwStatus, &error);
+    long code = TokenError(kvc, host, path, &dwStatus, &error);
     if (dwStatus == 0)
-        Out(L"Sign-in failed: login.microsoftonline.com did not answer. Check DNS, the proxy and the firewall.\n");
+        Out(L"Sign-in failed: %ls did not answer. Check DNS, the proxy and the firewall.\n", host.c_str());
     else if (code == 90002)
         Out(L"Sign-in failed: the tenant %ls is unknown to Entra ID (AADSTS90002). Check TenantId: it is the\n"
             L"directory (tenant) id of the app registration. Run: kestalksp config set TenantId <id>%ls\n",
@@ -242,16 +265,26 @@ void PrintPermissions(const KVC *kvc)
         kvc->fCertMode ? L" and \"Key Vault Certificates Officer\"" : L"");
 }
 
+// "https://<host>" of the vault the client calls, in whichever cloud and kind it is.
+std::wstring VaultUrl(const KVC *kvc)
+{
+    WCHAR *pszHost = KVCNewVaultHost(kvc);
+    std::wstring url = std::wstring(L"https://") + (pszHost ? pszHost : L"");
+    free(pszHost);
+    return url;
+}
+
 int ExplainVaultFailure(KVC *kvc)
 {
     ScopedAnswer answer;
     KVCDoKVRESTCall(kvc, &answer, nullptr, KVC_COLLECTION_KEYS, nullptr, L"GET", nullptr, nullptr, nullptr);
-    const wchar_t *pszVault = Text(kvc->kvName);
+    const std::wstring vault = VaultUrl(kvc);
+    const wchar_t *pszVault = vault.c_str();
     KVCJsonDoc doc = KVCJsonParse(answer.body);
     const char *pszMessage = KVCJsonGetString(KVCJsonMember(doc.get(), "error", json_type_object), "message");
     switch (answer.status) {
     case 0:
-        Out(L"The vault https://%ls.vault.azure.net did not answer. Check the vault's name (KeyVault), DNS,\n"
+        Out(L"The vault %ls did not answer. Check the vault's name (KeyVault), DNS,\n"
             L"the proxy and the firewall.\n",
             pszVault);
         break;
@@ -291,8 +324,14 @@ int Probe(BOOL fMachine)
     SECURITY_STATUS status = KestalKeyVaultKSPOpenProvider(&provider.h, KSP_PROVIDER_NAME, 0);
     KSP_PROVIDER *pProvider = status == 0 ? KspProviderFromHandle(provider.h) : nullptr;
     KVC *kvc = pProvider ? (fMachine ? pProvider->kvcMachine : pProvider->kvcUser) : nullptr;
-    if (!kvc) {
+    if (status != 0) {
         Out(L"The provider could not be opened (%ls).\n", StatusText(status).c_str());
+        return KSPADM_FAILED;
+    }
+    if (!kvc) {
+        Out(L"The %ls scope has no vault: KeyVault, AzureCloud or VaultType holds a value the provider does\n"
+            L"not accept (kestalksp config show; the log names the value).\n",
+            ScopeName(fMachine));
         return KSPADM_FAILED;
     }
     if (!KVCAuthenticate(kvc, nullptr))
@@ -302,7 +341,7 @@ int Probe(BOOL fMachine)
     DWORD cNames = 0;
     if (!KVCGetKeys(kvc, &ppNames, &cNames))
         return ExplainVaultFailure(kvc);
-    Out(L"  Vault https://%ls.vault.azure.net lists %lu keys.\n", Text(kvc->kvName), static_cast<unsigned long>(cNames));
+    Out(L"  Vault %ls lists %lu keys.\n", VaultUrl(kvc).c_str(), static_cast<unsigned long>(cNames));
     for (DWORD i = 0; i < cNames; ++i)
         free(ppNames[i]);
     free(ppNames);
