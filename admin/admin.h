@@ -73,8 +73,11 @@ int CmdUnregister(const KSPADM_ARGS *pArgs);
 void PrintSettings(BOOL fMachine);
 // A REG_DWORD setting, or dwDefault when it is absent or of another type.
 DWORD ReadDwordSetting(BOOL fMachine, const wchar_t *pszName, DWORD dwDefault);
-// A REG_SZ setting, or "" when it is absent or of another type.
+// A REG_SZ setting, or "" when it is absent or of another type. Not for secrets: the copy is
+// not wiped.
 std::wstring ReadStringSetting(BOOL fMachine, const wchar_t *pszName);
+// The length of a REG_SZ secret (0 when absent or of another type); the text read is wiped.
+size_t SecretSettingLength(BOOL fMachine, const wchar_t *pszName);
 int CmdConfig(const KSPADM_ARGS *pArgs);
 int CmdSetSecret(const KSPADM_ARGS *pArgs);
 

@@ -99,10 +99,15 @@ const KSPADM_SETTING *FindSetting(const std::wstring &name)
     return nullptr;
 }
 
-// A setting as stored: its type and raw bytes; FALSE when absent.
+// A setting as stored: its type and raw bytes; FALSE when absent. The bytes are wiped on release:
+// they may be a secret, whatever type it was stored with.
 struct STORED_VALUE {
     DWORD dwType = REG_NONE;
     std::vector<BYTE> data;
+    STORED_VALUE() = default;
+    STORED_VALUE(const STORED_VALUE &) = delete;
+    STORED_VALUE &operator=(const STORED_VALUE &) = delete;
+    ~STORED_VALUE() { SecureZeroMemory(data.data(), data.size()); }
 };
 
 BOOL ReadStored(BOOL fMachine, const wchar_t *pszName, STORED_VALUE *pValue)
@@ -149,7 +154,6 @@ std::wstring Shown(const KSPADM_SETTING *pSetting, BOOL fMachine)
     const wchar_t *pszText = reinterpret_cast<const wchar_t *>(value.data.data());
     size_t cch = wcslen(pszText);
     if (pSetting->kind == kSecret) {
-        SecureZeroMemory(value.data.data(), value.data.size());
         if (cch == 0)
             return L"(empty)";
         _snwprintf_s(szText, ARRAYSIZE(szText), _TRUNCATE, L"set (%u characters)", static_cast<unsigned>(cch));
@@ -280,30 +284,35 @@ int ConfigSet(BOOL fMachine, const std::vector<std::wstring> &words)
     return KSPADM_OK;
 }
 
-// The secret typed at the console without echo, or piped in; one line, line end removed.
+// The secret typed at the console without echo, or piped in; one line, line end removed. The
+// buffers never grow (growth would leave copies of a partial secret behind): a line longer than
+// they hold keeps only its start, which is still too long for the provider and so is refused.
 BOOL ReadSecret(std::wstring *pSecret)
 {
+    constexpr size_t kMaxChars = 1024, kMaxBytes = 4096;
     HANDLE hIn = GetStdHandle(STD_INPUT_HANDLE);
     DWORD dwMode = 0;
-    pSecret->reserve(1024); // no copies of a partial secret left behind by growth
+    pSecret->reserve(kMaxChars);
     if (GetConsoleMode(hIn, &dwMode)) {
         Err(L"Client secret (not shown): ");
         SetConsoleMode(hIn, dwMode & ~ENABLE_ECHO_INPUT);
         wchar_t ch = 0;
         DWORD cRead = 0;
         while (ReadConsoleW(hIn, &ch, 1, &cRead, nullptr) && cRead == 1 && ch != L'\r' && ch != L'\n')
-            pSecret->push_back(ch);
+            if (pSecret->size() < kMaxChars)
+                pSecret->push_back(ch);
         ch = 0;
         SetConsoleMode(hIn, dwMode);
         Err(L"\n");
         return TRUE;
     }
     std::string bytes;
-    bytes.reserve(4096);
+    bytes.reserve(kMaxBytes);
     char c = 0;
     DWORD cRead = 0;
     while (ReadFile(hIn, &c, 1, &cRead, nullptr) && cRead == 1 && c != '\n')
-        bytes.push_back(c);
+        if (bytes.size() < kMaxBytes)
+            bytes.push_back(c);
     c = 0;
     if (!bytes.empty() && bytes.back() == '\r')
         bytes.pop_back();
@@ -331,14 +340,15 @@ int StoreSecret(BOOL fMachine, const std::wstring &secret)
         rc = WriteString(key.h, L"ClientDPAPISecret", dpapi.data());
     if (rc == ERROR_SUCCESS)
         rc = WriteString(key.h, L"ClientSecret", L"");
-    if (rc != ERROR_SUCCESS)
-        return ReportWriteFailure(rc, fMachine);
-
     std::vector<wchar_t> check(512, L'\0'); // the provider's 1024-byte buffer
-    BOOL fSame = GetSecretFromDPAPI(dpapi.data(), reinterpret_cast<BYTE *>(check.data()),
+    BOOL fSame = rc == ERROR_SUCCESS &&
+                 GetSecretFromDPAPI(dpapi.data(), reinterpret_cast<BYTE *>(check.data()),
                                     static_cast<DWORD>(check.size() * sizeof(wchar_t))) &&
                  check.back() == 0 && secret == check.data();
     SecureZeroMemory(check.data(), check.size() * sizeof(wchar_t));
+    SecureZeroMemory(dpapi.data(), dpapi.size() * sizeof(wchar_t));
+    if (rc != ERROR_SUCCESS)
+        return ReportWriteFailure(rc, fMachine);
     if (!fSame) {
         Err(L"The stored secret does not read back as the one given.\n");
         return KSPADM_FAILED;
@@ -363,6 +373,14 @@ DWORD ReadDwordSetting(BOOL fMachine, const wchar_t *pszName, DWORD dwDefault)
     DWORD dw = 0;
     memcpy(&dw, value.data.data(), sizeof(dw));
     return dw;
+}
+
+size_t SecretSettingLength(BOOL fMachine, const wchar_t *pszName)
+{
+    STORED_VALUE value;
+    if (!ReadStored(fMachine, pszName, &value) || value.dwType != REG_SZ)
+        return 0;
+    return wcslen(reinterpret_cast<const wchar_t *>(value.data.data()));
 }
 
 std::wstring ReadStringSetting(BOOL fMachine, const wchar_t *pszName)

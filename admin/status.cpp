@@ -28,8 +28,7 @@ void PrintSignIn(BOOL fMachine)
     DWORD authn = ReadDwordSetting(fMachine, L"AuthenticationType", 0);
     std::wstring tenant = ReadStringSetting(fMachine, L"TenantId");
     std::wstring client = ReadStringSetting(fMachine, L"ClientId");
-    bool fSecret = !ReadStringSetting(fMachine, L"ClientDPAPISecret").empty() ||
-                   !ReadStringSetting(fMachine, L"ClientSecret").empty();
+    bool fSecret = SecretSettingLength(fMachine, L"ClientDPAPISecret") || SecretSettingLength(fMachine, L"ClientSecret");
     Out(L"  %ls keys: ", fMachine ? L"machine" : L"user");
     if (authn & 2) {
         Out(L"client secret as app %ls in tenant %ls (%ls)%ls\n", client.empty() ? L"(ClientId not set)" : client.c_str(),
@@ -135,6 +134,7 @@ std::string FormValue(const wchar_t *pszValue)
     std::string utf8(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, pszValue, -1, nullptr, 0, nullptr, nullptr)), '\0');
     WideCharToMultiByte(CP_UTF8, 0, pszValue, -1, utf8.data(), static_cast<int>(utf8.size()), nullptr, nullptr);
     std::string encoded;
+    encoded.reserve(utf8.size() * 3); // grown once: no partial copies of a secret left behind
     for (char c : utf8) {
         if (!c)
             break;
@@ -204,7 +204,7 @@ void ExplainClientSecretFailure(BOOL fMachine, KVC *kvc)
         return;
     }
     if (!Text(kvc->clientSecret)[0]) {
-        if (ReadStringSetting(fMachine, L"ClientDPAPISecret").empty())
+        if (!SecretSettingLength(fMachine, L"ClientDPAPISecret"))
             Out(L"Sign-in failed: no client secret is stored. Run: kestalksp set-secret%ls\n", pszUser);
         else
             Out(L"Sign-in failed: the stored client secret cannot be decrypted here (it was protected on another\n"
