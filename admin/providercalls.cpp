@@ -433,6 +433,11 @@ int CmdSync(const KSPADM_ARGS *)
         Err(L"Access to HKEY_LOCAL_MACHINE was denied: run this from an elevated (Administrator) prompt.\n");
         return KSPADM_FAILED;
     }
+    // A stamp left in place would pass the check below for a sync that never ran.
+    if (rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) {
+        Err(L"FromKVLastSyncTime could not be removed (error %ld), so the sync would not run.\n", static_cast<long>(rc));
+        return KSPADM_FAILED;
+    }
     std::vector<std::wstring> before = MachineStoreThumbprints();
     KSPADM_PROVIDER provider;
     if (!OpenRegisteredProvider(&provider))
