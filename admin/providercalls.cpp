@@ -426,7 +426,7 @@ int CmdSync(const KSPADM_ARGS *)
         return KSPADM_FAILED;
     }
     RegKeyOwner settings;
-    LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE, &settings.h);
+    LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, KSP_SETTINGS_KEY, 0, KEY_SET_VALUE | KSP_SETTINGS_VIEW, &settings.h);
     if (rc == ERROR_SUCCESS)
         rc = RegDeleteValueW(settings.h, L"FromKVLastSyncTime");
     if (rc == ERROR_ACCESS_DENIED) {

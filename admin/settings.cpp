@@ -114,12 +114,13 @@ BOOL ReadStored(BOOL fMachine, const wchar_t *pszName, STORED_VALUE *pValue)
 {
     HKEY hive = fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
     DWORD cb = 0;
-    if (RegGetValueW(hive, KSP_SETTINGS_KEY, pszName, RRF_RT_ANY | RRF_NOEXPAND, &pValue->dwType, nullptr, &cb) !=
-        ERROR_SUCCESS)
+    // The registry view the provider reads, also when this tool is a 32-bit build.
+    const DWORD dwFlags = RRF_RT_ANY | RRF_NOEXPAND | KSP_SETTINGS_RRF_VIEW;
+    if (RegGetValueW(hive, KSP_SETTINGS_KEY, pszName, dwFlags, &pValue->dwType, nullptr, &cb) != ERROR_SUCCESS)
         return FALSE;
     pValue->data.assign(cb + sizeof(wchar_t), 0); // room for a terminator the value may lack
-    return RegGetValueW(hive, KSP_SETTINGS_KEY, pszName, RRF_RT_ANY | RRF_NOEXPAND, &pValue->dwType,
-                        pValue->data.data(), &cb) == ERROR_SUCCESS;
+    return RegGetValueW(hive, KSP_SETTINGS_KEY, pszName, dwFlags, &pValue->dwType, pValue->data.data(), &cb) ==
+           ERROR_SUCCESS;
 }
 
 const wchar_t *TypeName(DWORD dwType)
@@ -233,7 +234,7 @@ int CheckValue(const KSPADM_SETTING *pSetting, BOOL fMachine, const std::wstring
 LSTATUS OpenSettingsForWrite(BOOL fMachine, RegKeyOwner *pKey)
 {
     return RegCreateKeyExW(fMachine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER, KSP_SETTINGS_KEY, 0, nullptr, 0,
-                           KEY_SET_VALUE, nullptr, &pKey->h, nullptr);
+                           KEY_SET_VALUE | KSP_SETTINGS_VIEW, nullptr, &pKey->h, nullptr);
 }
 
 LSTATUS WriteString(HKEY hKey, const wchar_t *pszName, const wchar_t *pszValue)
