@@ -4,9 +4,9 @@
 # Program Files\Kestal\Key Vault KSP, the provider registered by the tool at install and
 # unregistered at uninstall. The version is the CMake project's.
 #
-#   scripts/package.sh [--no-build] [--bin DIR] [--out DIR]
+#   scripts/package.sh [--no-build] [--bin DIR] [--bin86 DIR] [--out DIR]
 #
-# Default: builds first (scripts/build.sh), takes build/mingw/bin, writes
+# Default: builds first (scripts/build.sh), takes build/mingw/bin and build/mingw-x86/bin, writes
 # build/KestalKeyVaultKSP-<version>-x64.msi and prints its path.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
