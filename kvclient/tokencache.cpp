@@ -34,6 +34,18 @@ void ReleaseSlot(SHARED_TOKEN *pSlot)
     *pSlot = {};
 }
 
+// The table is emptied, its tokens wiped, when the module is unloaded: the key storage router
+// may unload the provider while the process goes on, and the heap would keep live tokens. No lock
+// is taken: nothing runs in the module by then, and at process exit a thread ended while holding
+// the lock would never release it.
+struct SHARED_TOKENS_WIPER {
+    ~SHARED_TOKENS_WIPER()
+    {
+        for (SHARED_TOKEN &slot : g_SharedTokens)
+            ReleaseSlot(&slot);
+    }
+} g_SharedTokensWiper;
+
 // Called with the lock held.
 SHARED_TOKEN *FindSlot(const WCHAR *pszIdentity)
 {
