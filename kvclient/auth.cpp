@@ -546,7 +546,7 @@ WCHAR *IdentityOf(KVC *kvc, const WCHAR *pszResource)
     WCHAR *pszIdentity = KVCJoinText({szKind, kvc->cloud ? kvc->cloud->pszName : L"", L"|", TextOf(kvc->tenantId),
                                       L"|", TextOf(kvc->clientId), L"|", pszSecretHash, L"|", pszResource, L"|",
                                       szEndpoint});
-    free(pszSecretHash);
+    KVCWipeFreeText(pszSecretHash);
     return pszIdentity;
 }
 
@@ -644,7 +644,7 @@ int KVCAuthenticate(KVC *kvc, const WCHAR *pszResource)
     ReleaseSRWLockExclusive(&kvc->tokenLock);
     WakeAllConditionVariable(&kvc->tokenRenewed);
     FreeFreshToken(&fresh);
-    free(pszIdentity);
+    KVCWipeFreeText(pszIdentity);
 
     if (!got)
         LogVaultName(L"KVCAuthenticate Logon failure", kvc, KSP_LOG_FAILURE);
@@ -665,6 +665,6 @@ void KVCDropToken(KVC *kvc, DWORD dwTokenGeneration)
     }
     ReleaseSRWLockExclusive(&kvc->tokenLock);
     KVCSharedTokenForget(pszIdentity, pszToken);
-    free(pszIdentity);
+    KVCWipeFreeText(pszIdentity);
     KVCWipeFreeText(pszToken);
 }

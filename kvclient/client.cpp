@@ -288,7 +288,7 @@ void KVCDelete(KVC *kvc)
     FreeField(&kvc->tenantId);
     FreeField(&kvc->clientId);
     FreeField(&kvc->clientCertId);
-    free(kvc->pszIdentity);
+    KVCWipeFreeText(kvc->pszIdentity); // holds a hash of the secret
     SecureZeroMemory(kvc, sizeof(*kvc));
     free(kvc);
 }

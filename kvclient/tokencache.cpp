@@ -17,7 +17,7 @@ namespace {
 constexpr int kSlots = 16; // identities a process signs in as: two per scope and cloud at most in practice
 
 struct SHARED_TOKEN {
-    WCHAR *pszIdentity; // calloc'd; null for a free slot
+    WCHAR *pszIdentity; // calloc'd, wiped when released (it holds a hash of the secret); null for a free slot
     WCHAR *pszType;     // calloc'd, wiped when released
     WCHAR *pszToken;
     __time64_t expiry;
@@ -28,11 +28,23 @@ SHARED_TOKEN g_SharedTokens[kSlots];
 
 void ReleaseSlot(SHARED_TOKEN *pSlot)
 {
-    free(pSlot->pszIdentity);
+    KVCWipeFreeText(pSlot->pszIdentity);
     KVCWipeFreeText(pSlot->pszType);
     KVCWipeFreeText(pSlot->pszToken);
     *pSlot = {};
 }
+
+// The table is emptied, its tokens wiped, when the module is unloaded: the key storage router
+// may unload the provider while the process goes on, and the heap would keep live tokens. No lock
+// is taken: nothing runs in the module by then, and at process exit a thread ended while holding
+// the lock would never release it.
+struct SHARED_TOKENS_WIPER {
+    ~SHARED_TOKENS_WIPER()
+    {
+        for (SHARED_TOKEN &slot : g_SharedTokens)
+            ReleaseSlot(&slot);
+    }
+} g_SharedTokensWiper;
 
 // Called with the lock held.
 SHARED_TOKEN *FindSlot(const WCHAR *pszIdentity)
@@ -77,14 +89,13 @@ WCHAR *KVCSecretHash(const WCHAR *pszSecret)
             BCryptDestroyHash(hHash);
         BCryptCloseAlgorithmProvider(hAlg, 0);
     }
-    if (!fHashed)
-        return nullptr; // no hash, no sharing: the caller signs in on its own
-    WCHAR *pszHex = static_cast<WCHAR *>(calloc(2 * sizeof(hash) + 1, sizeof(WCHAR)));
+    WCHAR *pszHex = fHashed ? static_cast<WCHAR *>(calloc(2 * sizeof(hash) + 1, sizeof(WCHAR))) : nullptr;
     for (size_t i = 0; pszHex && i < sizeof(hash); ++i) {
         pszHex[2 * i] = kHex[hash[i] >> 4];
         pszHex[2 * i + 1] = kHex[hash[i] & 0x0F];
     }
-    return pszHex;
+    SecureZeroMemory(hash, sizeof(hash));
+    return pszHex; // null: no hash, no sharing, and the caller signs in on its own
 }
 
 int KVCSharedTokenTake(const WCHAR *pszIdentity, __time64_t now, BldStr **ppType, BldStr **ppToken,
