@@ -68,7 +68,8 @@ char *GrowBody(char *pOld, DWORD cbOld, DWORD cbNew)
 // could not be read whole: a failed read, an answer over kMaxAnswerBytes, or a budget spent.
 bool ReadBody(HINTERNET hRequest, KVC_WEB_RESPONSE *resp, const Budget &budget)
 {
-    DWORD cbBody = 0; // bytes read so far, terminator excluded
+    DWORD cbBody = 0;     // bytes read so far, terminator excluded
+    DWORD cbCapacity = 1; // the buffer's size; it doubles, so a large answer is copied a few times only
     resp->body = static_cast<char *>(calloc(1, 1));
     if (!resp->body) {
         LogMsgError(L"KVCDoWebCall calloc failure", GetLastError(), KSP_LOG_FAILURE);
@@ -93,7 +94,13 @@ bool ReadBody(HINTERNET hRequest, KVC_WEB_RESPONSE *resp, const Budget &budget)
             LogMsgError(L"KVCDoWebCall Time Budget Spent", resp->lastError, KSP_LOG_WARNING);
             return false;
         }
-        resp->body = GrowBody(resp->body, cbBody + 1, cbBody + cbAvailable + 1);
+        if (cbBody + cbAvailable + 1 > cbCapacity) {
+            const DWORD cbNeeded = cbBody + cbAvailable + 1;
+            const DWORD cbDoubled = cbCapacity < kMaxAnswerBytes ? 2 * cbCapacity : kMaxAnswerBytes + 1;
+            const DWORD cbNew = cbDoubled > cbNeeded ? cbDoubled : cbNeeded;
+            resp->body = GrowBody(resp->body, cbCapacity, cbNew);
+            cbCapacity = cbNew;
+        }
         if (!resp->body) {
             resp->lastError = ERROR_NOT_ENOUGH_MEMORY;
             LogMsgError(L"KVCDoWebCall calloc failure", resp->lastError, KSP_LOG_FAILURE);
