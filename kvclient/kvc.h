@@ -314,7 +314,8 @@ struct KVC_LISTING {
     ~KVC_LISTING() { BldStrFree(seenLinks); }
 };
 // 1 when a page's next link may be followed (and it is counted); 0 for none, a link followed
-// before, or the page bound.
+// before, the page bound, or a listing already holding its 10,000 items. Take a page's items
+// before asking to follow its link.
 int KVCListingFollow(KVC_LISTING *pListing, const WCHAR *pszNextLink);
 // How many of a page's cItems may still be taken (they are counted).
 DWORD KVCListingTake(KVC_LISTING *pListing, DWORD cItems);

@@ -46,7 +46,8 @@ TEST_F(Keys, ListingKeepsEarlierPagesOnlyWhenALaterOneStaysThrottled)
     EXPECT_EQ(time.waits, (std::vector<DWORD>{1000, 2000, 4000, 8000, 16000}));
 }
 
-// A vault listing without end must not take all memory: it stops at ten thousand items.
+// A vault listing without end must not take all memory: it stops at ten thousand items, and
+// reads no page after them.
 TEST_F(Keys, ListingsTakeAtMostTenThousandItems)
 {
     SetSettingDword(HKEY_LOCAL_MACHINE, L"LoggingLevel", 2); // not a line per item
@@ -54,7 +55,9 @@ TEST_F(Keys, ListingsTakeAtMostTenThousandItems)
     std::string keys;
     for (int i = 0; i <= 10000; ++i) // one item more than is taken
         keys += R"({"kid":"https://x/keys/k)" + std::to_string(i) + "\"},";
-    ScriptAnswers(emulator, "vault", R"([{"status":200,"body":{"value":[)" + keys + "{}]}}]", "GET", "/keys");
+    ScriptAnswers(emulator, "vault", R"([{"status":200,"body":{"nextLink":"https://x/keys?p2","value":[)" + keys + "{}]}}]",
+                  "GET", "/keys");
     EXPECT_EQ(KVCGetKeys(kvc, &names, &count), 1);
     EXPECT_EQ(Take().size(), 10000u);
+    EXPECT_EQ(VaultRequests().size(), 1u);
 }
