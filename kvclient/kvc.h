@@ -287,7 +287,8 @@ struct KVC_RETRY_POLICY {
     DWORD dwThrottleMaxWaitMs;
     DWORD dwConflictMaxWaitMs; // 0: a 409 is final
     BOOL fTestBeforeSleep;
-    const WCHAR *pszCallFailedMsg; // when set, logged (level 1) with the status after every refused call
+    const WCHAR *pszCallFailedMsg; // when set, logged with the status after every refused call,
+    int callFailedLevel;           // at this level, before the retry message
 };
 
 // Makes the request until it succeeds, fails for good, or the policy's waits run out. The wait

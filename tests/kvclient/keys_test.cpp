@@ -61,3 +61,16 @@ TEST_F(Keys, ListingsTakeAtMostTenThousandItems)
     EXPECT_EQ(Take().size(), 10000u);
     EXPECT_EQ(VaultRequests().size(), 1u);
 }
+
+// Each refused read is logged before its throttling line, and a read throttled out is no failure of its own.
+TEST_F(Keys, ThrottledReadsLogEachRefusalBeforeItsWait)
+{
+    ScriptAnswers(emulator, "vault", R"([{"status":429,"repeat":6}])", "GET", "/keys/web");
+    KVKey key;
+    EXPECT_EQ(KVCGetKey(kvc, L"web", &key, 0), 0);
+    std::vector<std::string> expected;
+    for (int i = 0; i < 6; ++i)
+        expected.insert(expected.end(), {"KVCGetKey KVCDoKVRESTCall Error Error 0x1ad 1",
+                                         "KVCGetKey KVCDoKVRESTCall ActionThrottled Error 0x1ad 2"});
+    EXPECT_EQ(Log("KVCGetKey KVCDoKVRESTCall"), expected);
+}
