@@ -74,7 +74,8 @@ void AppendKeyName(json_object *item, NameList *list)
         LogMsg3(L"KVCGetKeys kids", pszVaultName, szClear, KSP_LOG_STEP);
         WCHAR *pszCopy = KVCJoinText({szClear, L"|", TaggedAlgorithm(item)});
         if (pszCopy) {
-            *wcschr(pszCopy, L'|') = 0; // the name, then the algorithm behind its terminator
+            // The name, then the algorithm behind its terminator (a CNG name may hold "|" itself).
+            pszCopy[wcslen(szClear)] = 0;
             list->ppNames[list->cNames++] = pszCopy;
         }
         else

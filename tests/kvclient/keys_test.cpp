@@ -34,12 +34,13 @@ TEST_F(Keys, ListingKeepsEarlierPagesOnlyWhenALaterOneStaysThrottled)
 {
     // The link names another host: only its "/keys?" tail is followed, so the token stays with the vault.
     ScriptAnswers(emulator, "vault",
-                  R"([{"status":200,"body":{"value":[{"kid":"https://kestaltest.vault.azure.net/keys/first"},{}],
+                  R"([{"status":200,"body":{"value":[{"kid":"https://kestaltest.vault.azure.net/keys/first"},{},
+                       {"kid":"https://kestaltest.vault.azure.net/keys/-vBAYCAwBAzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzz"}],
                        "nextLink":"https://elsewhere.example:443/keys?api-version=2016-10-01&$skiptoken=p2"}},
                       {"status":429,"repeat":6}])",
                   "GET", "/keys");
     EXPECT_EQ(KVCGetKeys(kvc, &names, &count), 0);
-    EXPECT_EQ(Take(), std::vector<std::wstring>{L"first"});
+    EXPECT_EQ(Take(), (std::vector<std::wstring>{L"first", L"a|b"})); // an encoded name listed whole
     std::vector<SeenRequest> seen = VaultRequests();
     ASSERT_EQ(seen.size(), 7u);
     EXPECT_EQ(seen[1].host + seen[1].url, "kestaltest.vault.azure.net/keys?api-version=2016-10-01&$skiptoken=p2");
