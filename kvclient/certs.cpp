@@ -80,24 +80,9 @@ void AddItem(json_object *item, CertEntries *entries)
     wcsncpy_s(entry.szThumbprint, thumbprint->cStr, _TRUNCATE);
 }
 
-// Reads one page's "value" items into entries; the next link to follow (or null) into
-// *ppszNextLink.
-void ReadPage(const char *pszBody, CertEntries *entries, WCHAR **ppszNextLink, KVC_LISTING *pListing)
+// One page's "value" items into entries, as many as the listing still takes.
+void ReadItems(json_object *value, CertEntries *entries, KVC_LISTING *pListing)
 {
-    KVCJsonDoc doc = KVCJsonParse(pszBody);
-    if (const char *pszLink = KVCJsonGetString(doc.get(), "nextLink")) {
-        if (const char *pszTail = strstr(pszLink, kNextLinkTail)) {
-            BldStrPtr link(BldStrNewStrFromAscii(pszTail));
-            if (link) {
-                LogMsg2(L"KVCGetCerts rawURL nextlinkstr Found", link->cStr, KSP_LOG_STEP);
-                if (KVCListingFollow(pListing, link->cStr)) {
-                    *ppszNextLink = link->cStr;
-                    link->cStr = nullptr;
-                }
-            }
-        }
-    }
-    json_object *value = KVCJsonMember(doc.get(), "value", json_type_array);
     DWORD n = value ? static_cast<DWORD>(json_object_array_length(value)) : 0;
     LogMsgNum(L"KVCGetCerts value len is", L"", static_cast<int>(n), KSP_LOG_STEP);
     LogMsgNum(L"KVCGetCerts value mycount is ", L"", static_cast<int>(entries->count), KSP_LOG_STEP);
@@ -117,6 +102,26 @@ void ReadPage(const char *pszBody, CertEntries *entries, WCHAR **ppszNextLink, K
             continue;
         }
         AddItem(item, entries);
+    }
+}
+
+// Reads one page into entries; the next link to follow (or null) into *ppszNextLink.
+void ReadPage(const char *pszBody, CertEntries *entries, WCHAR **ppszNextLink, KVC_LISTING *pListing)
+{
+    KVCJsonDoc doc = KVCJsonParse(pszBody);
+    BldStrPtr link;
+    if (const char *pszLink = KVCJsonGetString(doc.get(), "nextLink")) {
+        if (const char *pszTail = strstr(pszLink, kNextLinkTail)) {
+            link.reset(BldStrNewStrFromAscii(pszTail));
+            if (link)
+                LogMsg2(L"KVCGetCerts rawURL nextlinkstr Found", link->cStr, KSP_LOG_STEP);
+        }
+    }
+    ReadItems(KVCJsonMember(doc.get(), "value", json_type_array), entries, pListing);
+    // Followed only once the page's items are counted: a full listing reads no further page.
+    if (link && KVCListingFollow(pListing, link->cStr)) {
+        *ppszNextLink = link->cStr;
+        link->cStr = nullptr;
     }
 }
 

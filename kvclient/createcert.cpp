@@ -205,10 +205,6 @@ bool FindRequestKey(const CRYPT_DER_BLOB &requestInfo, const BYTE **ppbKey, DWOR
     return true;
 }
 
-// The placeholder certificate's DER (LocalFree) over the public key of the vault's CSR (base64
-// text). crypt32's sign-and-encode helpers do not take NCrypt keys everywhere, so the
-// certificate is put together by hand: encode the to-be-signed part, hash it, sign the hash
-// with PKCS#1 v1.5, encode the signed whole.
 // The public key of the vault's certificate signing request (base64 DER); null, logged, when the
 // request or its key cannot be read.
 LocalPtr<CERT_PUBLIC_KEY_INFO> RequestPublicKey(const char *pszCsr)
@@ -306,6 +302,10 @@ DWORD SignWithThrowAwayKey(const BYTE *pbTbs, DWORD cbTbs, BYTE (&signature)[kTh
     return cbSignature;
 }
 
+// The placeholder certificate's DER (LocalFree) over the public key of the vault's CSR (base64
+// text). crypt32's sign-and-encode helpers do not take NCrypt keys everywhere, so the
+// certificate is put together by hand: encode the to-be-signed part, hash it, sign the hash
+// with PKCS#1 v1.5, encode the signed whole.
 BYTE *MakePlaceholder(const char *pszCsr, DWORD *pcbCert)
 {
     LocalPtr<CERT_PUBLIC_KEY_INFO> keyInfo = RequestPublicKey(pszCsr);

@@ -63,7 +63,8 @@ int DeleteUntilSettled(KVC *kvc, const DELETE_KIND &kind, const WCHAR *pszEncode
                                      kDeleteRetry.dwThrottleMaxWaitMs,
                                      kDeleteRetry.dwConflictMaxWaitMs,
                                      FALSE,
-                                     nullptr};
+                                     nullptr,
+                                     0};
     // The purge path carries its own api-version; the name then goes to the frame's log only.
     const KVC_REQUEST request = {pszPurgePath, kind.dwCollection, pszEncodedName, L"DELETE",
                                  nullptr,      nullptr,           pszPurgePath ? nullptr : L"7.0"};

@@ -74,7 +74,8 @@ void AppendKeyName(json_object *item, NameList *list)
         LogMsg3(L"KVCGetKeys kids", pszVaultName, szClear, KSP_LOG_STEP);
         WCHAR *pszCopy = KVCJoinText({szClear, L"|", TaggedAlgorithm(item)});
         if (pszCopy) {
-            *wcschr(pszCopy, L'|') = 0; // the name, then the algorithm behind its terminator
+            // The name, then the algorithm behind its terminator (a CNG name may hold "|" itself).
+            pszCopy[wcslen(szClear)] = 0;
             list->ppNames[list->cNames++] = pszCopy;
         }
         else
@@ -170,19 +171,21 @@ int KVCGetKey(KVC *kvc, const WCHAR *pszKeyName, KVKey *pKey, DWORD fSuppress)
 
     int result = 0;
     ScopedAnswer answer;
-    const KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetKey KVCDoKVRESTCall ActionThrottled", TRUE);
+    // Every refused call is logged before its throttling line; a key that may be missing is
+    // looked for quietly.
+    const WCHAR *pszSuppressed = L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError";
+    const int level = fSuppress ? KSP_LOG_TRACE : KSP_LOG_FAILURE;
+    KVC_RETRY_POLICY policy = KVCThrottlePolicy(L"KVCGetKey KVCDoKVRESTCall ActionThrottled", TRUE,
+                                                fSuppress ? pszSuppressed : L"KVCGetKey KVCDoKVRESTCall Error");
+    policy.callFailedLevel = level;
     DWORD dwWaitMs = policy.dwFirstWaitMs;
     const KVC_REQUEST request = {nullptr, KVC_COLLECTION_KEYS, szEncoded, L"GET", nullptr, nullptr, nullptr};
     if (KVCVaultCall(kvc, &request, &policy, &dwWaitMs, &answer) && answer.status == KVC_HTTP_OK) {
         result = KVCParseJSONKey(szEncoded, answer.body, pKey);
         if (!result)
             LogMsg2(L"KVCGetKey KVCParseJSONKey Failed", szEncoded, KSP_LOG_FAILURE);
-    } else if (fSuppress) {
-        LogMsg(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", KSP_LOG_TRACE);
-        LogMsgError(L"KVCGetKey KVCDoKVRESTCall SupressFailedReadError", answer.status, KSP_LOG_TRACE);
-    } else {
-        LogMsg(L"KVCGetKey KVCDoKVRESTCall Error", KSP_LOG_FAILURE);
-        LogMsgError(L"KVCGetKey KVCDoKVRESTCall Failed", answer.status, KSP_LOG_FAILURE);
+    } else if (answer.status != KVC_HTTP_TOO_MANY_REQUESTS) { // throttling was logged call by call
+        LogMsgError(fSuppress ? pszSuppressed : L"KVCGetKey KVCDoKVRESTCall Failed", answer.status, level);
     }
 
     LogMsg2(L"KVCGetKey End", pszKeyName, KSP_LOG_TRACE);

@@ -287,7 +287,8 @@ struct KVC_RETRY_POLICY {
     DWORD dwThrottleMaxWaitMs;
     DWORD dwConflictMaxWaitMs; // 0: a 409 is final
     BOOL fTestBeforeSleep;
-    const WCHAR *pszCallFailedMsg; // when set, logged (level 1) with the status after every refused call
+    const WCHAR *pszCallFailedMsg; // when set, logged with the status after every refused call,
+    int callFailedLevel;           // at this level, before the retry message
 };
 
 // Makes the request until it succeeds, fails for good, or the policy's waits run out. The wait
@@ -314,7 +315,8 @@ struct KVC_LISTING {
     ~KVC_LISTING() { BldStrFree(seenLinks); }
 };
 // 1 when a page's next link may be followed (and it is counted); 0 for none, a link followed
-// before, or the page bound.
+// before, the page bound, or a listing already holding its 10,000 items. Take a page's items
+// before asking to follow its link.
 int KVCListingFollow(KVC_LISTING *pListing, const WCHAR *pszNextLink);
 // How many of a page's cItems may still be taken (they are counted).
 DWORD KVCListingTake(KVC_LISTING *pListing, DWORD cItems);

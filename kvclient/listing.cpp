@@ -19,6 +19,9 @@ int KVCListingFollow(KVC_LISTING *pListing, const WCHAR *pszNextLink)
 {
     if (!pListing || !pszNextLink)
         return 0;
+    // A full listing reads no further page: its items could not be taken anyway.
+    if (pListing->cItems >= kMaxItems)
+        return 0;
     if (pListing->cPages + 1 >= kMaxPages) {
         LogMsg2(pListing->pszStoppedMsg, L"Page Limit", KSP_LOG_WARNING);
         return 0;
@@ -45,7 +48,8 @@ DWORD KVCListingTake(KVC_LISTING *pListing, DWORD cItems)
 {
     if (!pListing)
         return 0;
-    if (cItems > kMaxItems - pListing->cItems) {
+    // Logged when the listing fills up, even exactly: no further page is then read.
+    if (cItems > 0 && cItems >= kMaxItems - pListing->cItems) {
         LogMsg2(pListing->pszStoppedMsg, L"Item Limit", KSP_LOG_WARNING);
         cItems = kMaxItems - pListing->cItems;
     }

@@ -50,7 +50,7 @@ void KVCFreeAnswer(KVC_ANSWER *pAnswer)
 
 KVC_RETRY_POLICY KVCThrottlePolicy(const WCHAR *pszRetryMsg, BOOL fTestBeforeSleep, const WCHAR *pszCallFailedMsg)
 {
-    return {pszRetryMsg, KSP_LOG_WARNING, 1000, 16000, 0, fTestBeforeSleep, pszCallFailedMsg};
+    return {pszRetryMsg, KSP_LOG_WARNING, 1000, 16000, 0, fTestBeforeSleep, pszCallFailedMsg, KSP_LOG_FAILURE};
 }
 
 int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *pPolicy, DWORD *pdwWaitMs,
@@ -66,7 +66,7 @@ int KVCVaultCall(KVC *kvc, const KVC_REQUEST *pRequest, const KVC_RETRY_POLICY *
         if (IsSuccess(status))
             return 1;
         if (pPolicy->pszCallFailedMsg)
-            LogMsgError(pPolicy->pszCallFailedMsg, status, KSP_LOG_FAILURE);
+            LogMsgError(pPolicy->pszCallFailedMsg, status, pPolicy->callFailedLevel);
         // A token the vault no longer takes (revoked, or expired earlier than it said) costs one
         // new sign-in and one repeat, never more: a vault that refuses every token is final.
         if (status == KVC_HTTP_UNAUTHORIZED && !fSignedInAgain) {
