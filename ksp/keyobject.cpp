@@ -271,7 +271,7 @@ SECURITY_STATUS DeleteKeyObject(KSP_KEY *pKey)
         LIST_ENTRY *entry = pKey->PropertyList.Flink;
         LogMsg(L"DeleteKeyObject HeapFree pProperty", KSP_LOG_STEP);
         Unlink(entry);
-        KspFree(CONTAINING_RECORD(entry, KSP_PROPERTY, ListEntry));
+        KspFreeProperty(CONTAINING_RECORD(entry, KSP_PROPERTY, ListEntry));
     }
     // Only a wait that succeeded is given back: releasing someone else's hold would let two
     // threads into the lists at once.
@@ -282,6 +282,14 @@ SECURITY_STATUS DeleteKeyObject(KSP_KEY *pKey)
     SecureZeroMemory(pKey, kKeyBlockBytes); // the magic goes too: a stale handle is refused
     KspFree(pKey);
     return ERROR_SUCCESS;
+}
+
+void KspFreeProperty(KSP_PROPERTY *pProperty)
+{
+    if (!pProperty)
+        return;
+    SecureZeroMemory(pProperty, sizeof(KSP_PROPERTY) + static_cast<SIZE_T>(pProperty->cbPropertyData));
+    KspFree(pProperty);
 }
 
 SECURITY_STATUS CreateNewProperty(LPCWSTR pszName, const BYTE *pbData, DWORD cbData, DWORD dwFlags,

@@ -256,7 +256,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetKeyProperty(NCRYPT_PROV_HA
     if (KSP_PROPERTY *pOld = FindProperty(pKey, pszProperty)) {
         pOld->ListEntry.Blink->Flink = pOld->ListEntry.Flink;
         pOld->ListEntry.Flink->Blink = pOld->ListEntry.Blink;
-        KspFree(pOld);
+        KspFreeProperty(pOld);
     }
     LIST_ENTRY *tail = pKey->PropertyList.Blink;
     pNew->ListEntry.Flink = &pKey->PropertyList;

@@ -72,6 +72,8 @@ struct KSP_PROPERTY {
     DWORD fNotPersistOnly; // 1 unless NCRYPT_PERSIST_ONLY_FLAG was set
 };
 inline PBYTE KspPropertyData(KSP_PROPERTY *pProperty) { return reinterpret_cast<PBYTE>(pProperty + 1); }
+// Frees a node already unlinked; its value is wiped first, as a persisted value may be a PIN.
+void KspFreeProperty(KSP_PROPERTY *pProperty);
 
 // Process-heap memory for everything that crosses the CNG boundary. KspAlloc refuses sizes
 // above 4 GB - 1 with ERROR_OUTOFMEMORY; KspFree returns HeapFree's result.
