@@ -138,11 +138,13 @@ SECURITY_STATUS SetSecurityDescr(KSP_KEY *pKey, const BYTE *pbInput, DWORD cbInp
     if (!pbCopy)
         return Refuse(L"Security Descr", L"HeapAlloc Failed", NTE_NO_MEMORY);
     memcpy(pbCopy, pbInput, cbInput);
-    if (pKey->pbSecurityDescr)
-        KspFree(pKey->pbSecurityDescr);
-    pKey->pbSecurityDescr = pbCopy;
+    // It may be set after finalize, from several threads on one handle: each caller frees only
+    // the copy its own exchange took out, never one another caller is replacing too.
+    PVOID pvOld = InterlockedExchangePointer(reinterpret_cast<PVOID volatile *>(&pKey->pbSecurityDescr), pbCopy);
     pKey->cbSecurityDescr = cbInput;
     pKey->dwSecurityInfo = dwFlags;
+    if (pvOld)
+        KspFree(pvOld);
     return ERROR_SUCCESS;
 }
 
