@@ -138,11 +138,13 @@ SECURITY_STATUS SetSecurityDescr(KSP_KEY *pKey, const BYTE *pbInput, DWORD cbInp
     if (!pbCopy)
         return Refuse(L"Security Descr", L"HeapAlloc Failed", NTE_NO_MEMORY);
     memcpy(pbCopy, pbInput, cbInput);
-    if (pKey->pbSecurityDescr)
-        KspFree(pKey->pbSecurityDescr);
-    pKey->pbSecurityDescr = pbCopy;
+    // It may be set after finalize, from several threads on one handle: each caller frees only
+    // the copy its own exchange took out, never one another caller is replacing too.
+    PVOID pvOld = InterlockedExchangePointer(reinterpret_cast<PVOID volatile *>(&pKey->pbSecurityDescr), pbCopy);
     pKey->cbSecurityDescr = cbInput;
     pKey->dwSecurityInfo = dwFlags;
+    if (pvOld)
+        KspFree(pvOld);
     return ERROR_SUCCESS;
 }
 
@@ -271,7 +273,7 @@ SECURITY_STATUS DeleteKeyObject(KSP_KEY *pKey)
         LIST_ENTRY *entry = pKey->PropertyList.Flink;
         LogMsg(L"DeleteKeyObject HeapFree pProperty", KSP_LOG_STEP);
         Unlink(entry);
-        KspFree(CONTAINING_RECORD(entry, KSP_PROPERTY, ListEntry));
+        KspFreeProperty(CONTAINING_RECORD(entry, KSP_PROPERTY, ListEntry));
     }
     // Only a wait that succeeded is given back: releasing someone else's hold would let two
     // threads into the lists at once.
@@ -282,6 +284,14 @@ SECURITY_STATUS DeleteKeyObject(KSP_KEY *pKey)
     SecureZeroMemory(pKey, kKeyBlockBytes); // the magic goes too: a stale handle is refused
     KspFree(pKey);
     return ERROR_SUCCESS;
+}
+
+void KspFreeProperty(KSP_PROPERTY *pProperty)
+{
+    if (!pProperty)
+        return;
+    SecureZeroMemory(pProperty, sizeof(KSP_PROPERTY) + static_cast<SIZE_T>(pProperty->cbPropertyData));
+    KspFree(pProperty);
 }
 
 SECURITY_STATUS CreateNewProperty(LPCWSTR pszName, const BYTE *pbData, DWORD cbData, DWORD dwFlags,

@@ -14,7 +14,6 @@
 namespace {
 
 constexpr DWORD kSemaphoreWaitMs = 60000;
-constexpr size_t kMaxPropertyNameChars = 64;
 constexpr DWORD kSecurityDescrFlags = 0x1F; // owner, group, DACL, SACL and label information
 
 constexpr const WCHAR *kNumericNames[] = {
@@ -32,9 +31,6 @@ template <size_t N> bool OneOf(LPCWSTR pszName, const WCHAR *const (&names)[N])
             return true;
     return false;
 }
-
-
-bool NameTooLong(LPCWSTR pszName) { return wcsnlen(pszName, kMaxPropertyNameChars + 1) > kMaxPropertyNameChars; }
 
 // Waits for the property lists' lock; a failed wait is logged and the caller goes on without it.
 bool LockLists(const WCHAR *pszMessage, LPCWSTR pszProperty)
@@ -171,7 +167,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetKeyProperty(NCRYPT_PROV_HA
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
         return KspFail(L"KestalKeyVaultKSPGetKeyProperty", NTE_INVALID_HANDLE);
-    if (!pszProperty || NameTooLong(pszProperty) || !pcbResult)
+    if (!pszProperty || KspPropertyNameTooLong(pszProperty) || !pcbResult)
         return KspFail(L"KestalKeyVaultKSPGetKeyProperty", NTE_INVALID_PARAMETER);
 
     if (dwFlags & NCRYPT_PERSIST_ONLY_FLAG) {
@@ -224,7 +220,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetKeyProperty(NCRYPT_PROV_HA
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
         return KspFail(L"KestalKeyVaultKSPSetKeyProperty", NTE_INVALID_HANDLE);
-    if (!pszProperty || NameTooLong(pszProperty) || !pbInput)
+    if (!pszProperty || KspPropertyNameTooLong(pszProperty) || !pbInput)
         return KspFail(L"KestalKeyVaultKSPSetKeyProperty", NTE_INVALID_PARAMETER);
 
     if (_wcsicmp(pszProperty, NCRYPT_CERTIFICATE_PROPERTY) == 0) {
@@ -256,7 +252,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetKeyProperty(NCRYPT_PROV_HA
     if (KSP_PROPERTY *pOld = FindProperty(pKey, pszProperty)) {
         pOld->ListEntry.Blink->Flink = pOld->ListEntry.Flink;
         pOld->ListEntry.Flink->Blink = pOld->ListEntry.Blink;
-        KspFree(pOld);
+        KspFreeProperty(pOld);
     }
     LIST_ENTRY *tail = pKey->PropertyList.Blink;
     pNew->ListEntry.Flink = &pKey->PropertyList;

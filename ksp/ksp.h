@@ -6,6 +6,8 @@
 #include "support/locks.h"
 #include "support/module.h"
 
+#include <wchar.h>
+
 
 #define KSP_PROVIDER_MAGIC 0x7866ABCE
 #define KSP_VAULT_NAME_CHARS 512
@@ -71,7 +73,14 @@ struct KSP_PROPERTY {
     LIST_ENTRY ListEntry;  // link in the owning key's PropertyList
     DWORD fNotPersistOnly; // 1 unless NCRYPT_PERSIST_ONLY_FLAG was set
 };
+// Property names, of keys and of the provider, are at most 64 characters.
+inline bool KspPropertyNameTooLong(LPCWSTR pszName)
+{
+    return wcsnlen(pszName, KSP_PROPERTY_NAME_CHARS) >= KSP_PROPERTY_NAME_CHARS;
+}
 inline PBYTE KspPropertyData(KSP_PROPERTY *pProperty) { return reinterpret_cast<PBYTE>(pProperty + 1); }
+// Frees a node already unlinked; its value is wiped first, as a persisted value may be a PIN.
+void KspFreeProperty(KSP_PROPERTY *pProperty);
 
 // Process-heap memory for everything that crosses the CNG boundary. KspAlloc refuses sizes
 // above 4 GB - 1 with ERROR_OUTOFMEMORY; KspFree returns HeapFree's result.

@@ -16,7 +16,6 @@ constexpr DWORD kSettingBytes = 1024;      // vault name, tenant, client, secret
 constexpr DWORD kDpapiTextChars = 4096;    // ClientDPAPISecret, base64
 constexpr DWORD kProtectedBlobBytes = 4096; // the decoded DPAPI blob
 constexpr DWORD kMaxProviderNameBytes = 65535;
-constexpr size_t kMaxPropertyNameChars = 64;
 
 // Mixed into every protection and unprotection of the client secret, both scopes.
 // Changing it makes every stored ClientDPAPISecret unreadable.
@@ -189,12 +188,6 @@ KVC *OpenScope(BOOL fMachine, WCHAR *pszKeyVault, ScopeSettings *s)
     return kvc;
 }
 
-
-bool PropertyNameTooLong(LPCWSTR pszProperty)
-{
-    return wcsnlen(pszProperty, kMaxPropertyNameChars + 1) > kMaxPropertyNameChars;
-}
-
 } // namespace
 
 KSP_PROVIDER *KspProviderFromHandle(NCRYPT_PROV_HANDLE hProvider)
@@ -329,7 +322,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPGetProviderProperty(NCRYPT_PR
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
         return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INVALID_HANDLE);
-    if (!pszProperty || !pcbResult || PropertyNameTooLong(pszProperty))
+    if (!pszProperty || !pcbResult || KspPropertyNameTooLong(pszProperty))
         return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_INVALID_PARAMETER);
     if (dwFlags != 0 && dwFlags != NCRYPT_SILENT_FLAG)
         return KspFail(L"KestalKeyVaultKSPGetProviderProperty", NTE_BAD_FLAGS);
@@ -380,7 +373,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPSetProviderProperty(NCRYPT_PR
     KSP_PROVIDER *provider = KspProviderFromHandle(hProvider);
     if (!provider)
         return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_INVALID_HANDLE);
-    if (!pszProperty || PropertyNameTooLong(pszProperty) || !pbInput)
+    if (!pszProperty || KspPropertyNameTooLong(pszProperty) || !pbInput)
         return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_INVALID_PARAMETER);
     if (dwFlags != 0 && dwFlags != NCRYPT_SILENT_FLAG)
         return KspFail(L"KestalKeyVaultKSPSetProviderProperty", NTE_BAD_FLAGS);

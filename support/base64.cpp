@@ -10,12 +10,13 @@
 #include <wchar.h>
 
 #include "support/bldstr.h"
+#include "support/handles.h"
 #include "support/log.h"
 
 namespace {
 
 // A calloc'd copy with "-" -> "+", "_" -> "/" and "=" up to a multiple of four, any length (a
-// certificate of 64 KB is 87 K characters); the caller wipes and frees it. Null for no text,
+// certificate of 64 KB is 87 K characters); the caller wipes and frees it (UniqueWipedText). Null for no text,
 // and for text whose length leaves a lone character after the last group of four: that can
 // never be whole bytes, and decoders would otherwise hand back a byte made up of it.
 WCHAR *NormalisedBase64(const WCHAR *pszBase64)
@@ -40,29 +41,15 @@ WCHAR *NormalisedBase64(const WCHAR *pszBase64)
     return pszOut;
 }
 
-// The normalised copy may hold a token or a protected secret: wiped on every way out.
-struct NormalisedText {
-    WCHAR *psz;
-    explicit NormalisedText(const WCHAR *pszBase64) : psz(NormalisedBase64(pszBase64)) {}
-    ~NormalisedText()
-    {
-        if (psz)
-            SecureZeroMemory(psz, wcslen(psz) * sizeof(WCHAR));
-        free(psz);
-    }
-    NormalisedText(const NormalisedText &) = delete;
-    NormalisedText &operator=(const NormalisedText &) = delete;
-};
-
 } // namespace
 
 int BldBinFromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut)
 {
     LogMsg(L"BldBinFromBase64", KSP_LOG_TRACE);
-    NormalisedText text(pszBase64);
-    if (!text.psz)
+    UniqueWipedText text(NormalisedBase64(pszBase64)); // may be a token or a protected secret
+    if (!text)
         return 0;
-    return CryptStringToBinaryW(text.psz, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
+    return CryptStringToBinaryW(text.get(), 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr);
 }
 
 WCHAR *KVCKKVKSP_ToBase64(const BYTE *pb, DWORD cb)
@@ -90,12 +77,12 @@ int KVCKKVKSP_FromBase64(const WCHAR *pszBase64, BYTE **ppbOut, DWORD *pcbOut, B
 {
     if (!pcbOut)
         return 0;
-    NormalisedText text(pszBase64);
-    if (!text.psz) {
+    UniqueWipedText text(NormalisedBase64(pszBase64));
+    if (!text) {
         LogMsg(L"KVCKKVKSP_FromBase64 Not Whole Bytes", KSP_LOG_FAILURE);
         return 0;
     }
-    const WCHAR *szBase64 = text.psz;
+    const WCHAR *szBase64 = text.get();
 
     DWORD cbDecoded = 0;
     if (!CryptStringToBinaryW(szBase64, 0, CRYPT_STRING_BASE64_ANY, nullptr, &cbDecoded, nullptr, nullptr)) {
@@ -131,12 +118,12 @@ int KVCKKVKSP_FromBase64(const WCHAR *pszBase64, BYTE **ppbOut, DWORD *pcbOut, B
 
 int KKVKSP_FromBase64(const WCHAR *pszBase64, BYTE *pbOut, DWORD *pcbOut)
 {
-    NormalisedText text(pszBase64); // the DPAPI text of the client secret comes this way
-    if (!text.psz) {
+    UniqueWipedText text(NormalisedBase64(pszBase64)); // the DPAPI text of the client secret comes this way
+    if (!text) {
         LogMsg(L"KKVKSP_FromBase64 Not Whole Bytes", KSP_LOG_FAILURE);
         return 0;
     }
-    if (!CryptStringToBinaryW(text.psz, 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr)) {
+    if (!CryptStringToBinaryW(text.get(), 0, CRYPT_STRING_BASE64_ANY, pbOut, pcbOut, nullptr, nullptr)) {
         LogMsg(L"KKVKSP_FromBase64 CryptStringToBinary Failed", KSP_LOG_FAILURE);
         return 0;
     }

@@ -3,24 +3,28 @@
 
 #include <windows.h>
 
-class SrwShared {
+template <bool Exclusive> class SrwGuard {
 public:
-    explicit SrwShared(SRWLOCK *pLock) : pLock_(pLock) { AcquireSRWLockShared(pLock_); }
-    ~SrwShared() { ReleaseSRWLockShared(pLock_); }
-    SrwShared(const SrwShared &) = delete;
-    SrwShared &operator=(const SrwShared &) = delete;
+    explicit SrwGuard(SRWLOCK *pLock) : pLock_(pLock)
+    {
+        if constexpr (Exclusive)
+            AcquireSRWLockExclusive(pLock_);
+        else
+            AcquireSRWLockShared(pLock_);
+    }
+    ~SrwGuard()
+    {
+        if constexpr (Exclusive)
+            ReleaseSRWLockExclusive(pLock_);
+        else
+            ReleaseSRWLockShared(pLock_);
+    }
+    SrwGuard(const SrwGuard &) = delete;
+    SrwGuard &operator=(const SrwGuard &) = delete;
 
 private:
     SRWLOCK *pLock_;
 };
 
-class SrwExclusive {
-public:
-    explicit SrwExclusive(SRWLOCK *pLock) : pLock_(pLock) { AcquireSRWLockExclusive(pLock_); }
-    ~SrwExclusive() { ReleaseSRWLockExclusive(pLock_); }
-    SrwExclusive(const SrwExclusive &) = delete;
-    SrwExclusive &operator=(const SrwExclusive &) = delete;
-
-private:
-    SRWLOCK *pLock_;
-};
+using SrwShared = SrwGuard<false>;
+using SrwExclusive = SrwGuard<true>;
