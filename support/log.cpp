@@ -149,7 +149,9 @@ FILE *LogOpenFile(void)
 
 namespace {
 
-bool IsControl(unsigned ch) { return ch < 0x20 || ch == 0x7F; }
+// C0, DEL and C1 controls, and the Unicode line and paragraph separators: each may end a line
+// for some reader of the file or the event log.
+bool IsControl(unsigned ch) { return ch < 0x20 || (ch >= 0x7F && ch <= 0x9F) || ch == 0x2028 || ch == 0x2029; }
 
 // Appends to a bounded output, always terminated.
 struct LINE_OUT {

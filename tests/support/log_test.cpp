@@ -24,6 +24,7 @@ TEST_F(LogLines, EveryWrapperWritesItsExactLine)
     LogMsgNum(L"KVCCryptoOp", L"status", -5, 8);
     LogMsgTrace3(L"KVCGetKey", L"name");
     LogMsgAscii(L"KVCAuthenticate", "{\"error\":1}");
+    LogMsg(L"KVCGetKey a\r\nb\x0085" L"c\x2028", 1); // no character that ends a line elsewhere
     LogMsg(L"too detailed", 11);
 
     EXPECT_EQ(afterStart.rfind("Fri Mar 01 14:30:00 2024\r\n"
@@ -34,7 +35,8 @@ TEST_F(LogLines, EveryWrapperWritesItsExactLine)
               "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCDoWebCall WinHttpSendRequest Failed Error 0x2efd 1\r\n"
               "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCCryptoOp status -5 8\r\n"
               "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCGetKey name (NULL) 10\r\n"
-              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCAuthenticate {\"error\":1} 1\r\n");
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCAuthenticate {\"error\":1} 1\r\n"
+              "KestalKeyVaultKSP: 2024-03-01 14:30:00 KVCGetKey a\\r\\nb\\x85c\\x2028 1\r\n");
 }
 
 // The file is named after the UTC date while its lines carry local time.
