@@ -208,7 +208,7 @@ extern "C" SECURITY_STATUS WINAPI KestalKeyVaultKSPFreeKey(NCRYPT_PROV_HANDLE hP
     KSP_KEY *pKey = KspKeyFromHandle(hKey);
     if (!KspProviderFromHandle(hProvider) || !pKey)
         return KspFail(L"KestalKeyVaultKSPFreeKey", NTE_INVALID_HANDLE);
-    LogMsg2(L"KestalKeyVaultKSPFreeKey", pKey->pszKeyName ? pKey->pszKeyName : L"NULL Name", 6);
+    LogMsg2(L"KestalKeyVaultKSPFreeKey", pKey->pszKeyName ? pKey->pszKeyName : L"NULL Name", KSP_LOG_PUBLISH);
     if (pKey->pszKeyName && pKey->fPublishCert)
         PublishCertificate(pKey);
     KVCFreeKVKey(&pKey->kvKey);
