@@ -76,11 +76,13 @@ struct SecretBytes {
 void LocalFreeBytes(void *pv) { LocalFree(pv); }
 void KspFreeBytes(void *pv) { KspFree(pv); }
 
-bool Unprotect(const KSP_KEY *pKey, SecretBytes *pClear)
+bool Unprotect(KSP_KEY *pKey, SecretBytes *pClear)
 {
+    SrwShared lock(&pKey->privateKeyLock); // DPAPI works locally: no network call under the lock
     DATA_BLOB sealed = {static_cast<DWORD>(pKey->cbPrivateKey), pKey->pbPrivateKey};
     DATA_BLOB clear = {};
-    if (!CryptUnprotectData(&sealed, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_UI_FORBIDDEN, &clear)) {
+    if (!sealed.pbData ||
+        !CryptUnprotectData(&sealed, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_UI_FORBIDDEN, &clear)) {
         LogMsgError(L"KspImportPrivateKeyToVault CryptUnprotectData Failed", GetLastError(), KSP_LOG_FAILURE);
         return false;
     }
@@ -243,8 +245,11 @@ SECURITY_STATUS KspImportPrivateKeyToVault(KSP_KEY *pKey)
         KVCFreeKVKey(&pKey->kvKey);
         return NTE_INTERNAL_ERROR;
     }
-    SecureZeroMemory(pKey->pbPrivateKey, static_cast<SIZE_T>(pKey->cbPrivateKey));
-    KspFree(pKey->pbPrivateKey);
+    SrwExclusive lock(&pKey->privateKeyLock);
+    if (pKey->pbPrivateKey) { // another finalize of this handle may have taken it already
+        SecureZeroMemory(pKey->pbPrivateKey, static_cast<SIZE_T>(pKey->cbPrivateKey));
+        KspFree(pKey->pbPrivateKey);
+    }
     pKey->pbPrivateKey = nullptr;
     pKey->cbPrivateKey = 0;
     return ERROR_SUCCESS;

@@ -373,6 +373,7 @@ SECURITY_STATUS KspStorePrivateKeyBlob(KSP_KEY *pKey, LPCWSTR pszBlobType, const
         LogMsg(L"KspStorePrivateKeyBlob HeapAlloc Failed", KSP_LOG_FAILURE);
         return NTE_NO_MEMORY;
     }
+    SrwExclusive lock(&pKey->privateKeyLock);
     if (pKey->pbPrivateKey) {
         SecureZeroMemory(pKey->pbPrivateKey, static_cast<SIZE_T>(pKey->cbPrivateKey));
         KspFree(pKey->pbPrivateKey);

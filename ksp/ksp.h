@@ -52,6 +52,7 @@ struct KSP_KEY {
     ULONGLONG cbKeyFile;
     PBYTE pbPrivateKey;                     // process heap: an imported private blob, DPAPI-protected only
     ULONGLONG cbPrivateKey;
+    SRWLOCK privateKeyLock;                 // guards the two above: a set may race a finalize
     KVC *kvc;                               // borrowed from the provider
     DWORD dwMachineKey;                     // NCRYPT_MACHINE_KEY_FLAG or 0
     KVKey kvKey;
