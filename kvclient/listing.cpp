@@ -12,6 +12,9 @@ namespace {
 // pages; pages may come out short, so the page bound leaves room for that).
 constexpr DWORD kMaxPages = 1000;
 constexpr DWORD kMaxItems = 10000;
+// The service's links run to a few hundred characters; every link followed is kept to spot a
+// repeat, so a longer one ends the listing rather than growing that record by megabytes a page.
+constexpr size_t kMaxLinkChars = 8192;
 
 } // namespace
 
@@ -24,6 +27,10 @@ int KVCListingFollow(KVC_LISTING *pListing, const WCHAR *pszNextLink)
         return 0;
     if (pListing->cPages + 1 >= kMaxPages) {
         LogMsg2(pListing->pszStoppedMsg, L"Page Limit", KSP_LOG_WARNING);
+        return 0;
+    }
+    if (wcsnlen(pszNextLink, kMaxLinkChars + 1) > kMaxLinkChars) {
+        LogMsg2(pListing->pszStoppedMsg, L"Link Too Long", KSP_LOG_WARNING);
         return 0;
     }
     if (!pListing->seenLinks)
